@@ -1,0 +1,286 @@
+#include "fileformats/pst/common/rewritabletext.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "common/apiutils.h"
+
+namespace {
+
+constexpr std::size_t kGroupSize = 4;
+constexpr unsigned kSearchesBeforeFilter = 8;  // making a filter costs about as much as a few searches
+constexpr std::size_t kSampledGroups = 16;
+
+std::uint32_t groupHash(const char* bytes) {
+    std::uint32_t group = 0;
+    std::memcpy(&group, bytes, kGroupSize);
+    group *= 2654435761U;
+    return group ^ (group >> 15);
+}
+
+std::size_t chunkBit(std::uint32_t hash) {
+    return hash >> 17;
+}
+
+/// A pair of bytes, folded to one.
+std::size_t pairBit(char first, char second) {
+    return static_cast<unsigned char>(static_cast<unsigned char>(first) * 31U + static_cast<unsigned char>(second));
+}
+
+}  // namespace
+
+// A text to search for, with what the filters are asked.
+struct RewritableText::Needle {
+    explicit Needle(std::string_view needle) : text(needle) {
+        if (text.size() >= kGroupSize) {
+            const std::size_t last = text.size() - kGroupSize;
+            const std::size_t step = std::max<std::size_t>(1, last / kSampledGroups);
+            for (std::size_t at = 0; at < last; at += step) {
+                groups.push_back(groupHash(text.data() + at));
+            }
+            groups.push_back(groupHash(text.data() + last));
+        }
+        for (std::size_t at = 0; at + 1 < text.size(); ++at) {
+            pairs.set(pairBit(text[at], text[at + 1]));
+        }
+    }
+
+    std::string_view text;
+    std::vector<std::uint32_t> groups;
+    std::bitset<256> pairs;
+};
+
+RewritableText::RewritableText(std::string_view text, std::size_t chunkSize) : m_chunkSize(chunkSize), m_size(text.size()) {
+    for (; !text.empty(); text.remove_prefix(std::min(m_chunkSize, text.size()))) {
+        m_chunks.emplace_back().text = text.substr(0, m_chunkSize);
+    }
+}
+
+RewritableText::Position RewritableText::normalized(Position position) {
+    if (position.chunk != m_chunks.end() && position.offset == position.chunk->text.size()) {
+        return {std::next(position.chunk), 0};
+    }
+    return position;
+}
+
+RewritableText::Position RewritableText::advance(Position position, std::size_t count) {
+    while (position.chunk != m_chunks.end() && count >= position.chunk->text.size() - position.offset) {
+        count -= position.chunk->text.size() - position.offset;
+        position = {std::next(position.chunk), 0};
+    }
+    position.offset += position.chunk != m_chunks.end() ? count : 0;
+    return position;
+}
+
+std::string RewritableText::bytesAt(Position position, std::size_t count) {
+    std::string bytes;
+    for (; position.chunk != m_chunks.end() && bytes.size() < count; position = {std::next(position.chunk), 0}) {
+        bytes.append(position.chunk->text, position.offset, count - bytes.size());
+    }
+    return bytes;
+}
+
+void RewritableText::noteSearch(Chunk& chunk) {
+    if (chunk.filter != nullptr || ++chunk.searches < kSearchesBeforeFilter) {
+        return;
+    }
+    chunk.filter = std::make_unique<Filter>();
+    for (std::size_t at = 0; at + kGroupSize <= chunk.text.size(); ++at) {
+        chunk.filter->groups.set(chunkBit(groupHash(chunk.text.data() + at)));
+    }
+    for (const char byte : chunk.text) {
+        chunk.filter->bytes.set(static_cast<unsigned char>(byte));
+    }
+}
+
+void RewritableText::noteGroups(std::string_view text) {
+    for (std::size_t at = 0; at + kGroupSize <= text.size(); ++at) {
+        m_groups[groupHash(text.data() + at) & (m_groups.size() - 1)] = true;
+    }
+}
+
+bool RewritableText::mayOccur(const Needle& needle) const {
+    return m_groups.empty() || std::all_of(needle.groups.begin(), needle.groups.end(),
+                                           [this](std::uint32_t hash) { return m_groups[hash & (m_groups.size() - 1)]; });
+}
+
+std::optional<RewritableText::Position> RewritableText::findInside(const Needle& needle, Chunks::iterator chunk,
+                                                                   std::size_t from) {
+    noteSearch(*chunk);
+    const Filter* filter = chunk->filter.get();
+    if (filter != nullptr && !std::all_of(needle.groups.begin(), needle.groups.end(),
+                                          [filter](std::uint32_t hash) { return filter->groups.test(chunkBit(hash)); })) {
+        return std::nullopt;
+    }
+    const char* text = chunk->text.data();
+    const char* found = FindBytes(text + from, text + chunk->text.size(), needle.text.data(), needle.text.size());
+    return found != nullptr ? std::optional<Position>({chunk, static_cast<std::size_t>(found - text)}) : std::nullopt;
+}
+
+/// An occurrence that begins in a chunk and ends in a later one.
+std::optional<RewritableText::Position> RewritableText::findAcross(const Needle& needle, Chunks::iterator chunk,
+                                                                   std::size_t from) {
+    const auto next = std::next(chunk);
+    const std::size_t reach = needle.text.size() - 1;
+    if (reach == 0 || next == m_chunks.end() || !needle.pairs.test(pairBit(chunk->text.back(), next->text.front()))) {
+        return std::nullopt;
+    }
+    const std::size_t start = std::max(from, chunk->text.size() - std::min(reach, chunk->text.size()));
+    const std::string seam = bytesAt({chunk, start}, chunk->text.size() - start + reach);
+    const char* found = FindBytes(seam.data(), seam.data() + seam.size(), needle.text.data(), needle.text.size());
+    return found != nullptr ? std::optional<Position>({chunk, start + static_cast<std::size_t>(found - seam.data())})
+                            : std::nullopt;
+}
+
+std::optional<RewritableText::Position> RewritableText::find(std::string_view text, Position from) {
+    const Needle needle(text);
+    if (m_groups.empty() && ++m_searches >= kSearchesBeforeFilter) {
+        constexpr std::size_t kFewestBits = std::size_t{1} << 16;
+        constexpr std::size_t kMostBits = std::size_t{1} << 27;
+        std::size_t bits = kFewestBits;
+        while (bits < kMostBits && bits < 8 * m_size) {
+            bits *= 2;
+        }
+        m_groups.assign(bits, false);
+        for (auto chunk = m_chunks.begin(); chunk != m_chunks.end(); ++chunk) {
+            noteGroups(bytesAt({chunk, 0}, chunk->text.size() + kGroupSize - 1));
+        }
+    }
+    if (!mayOccur(needle)) {
+        return std::nullopt;
+    }
+    for (; from.chunk != m_chunks.end(); from = {std::next(from.chunk), 0}) {
+        if (const auto inside = findInside(needle, from.chunk, from.offset)) {
+            return inside;
+        }
+        if (const auto across = findAcross(needle, from.chunk, from.offset)) {
+            return across;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<RewritableText::Position> RewritableText::findByte(char byte, Position from) {
+    for (; from.chunk != m_chunks.end(); from = {std::next(from.chunk), 0}) {
+        const std::size_t found = from.chunk->text.find(byte, from.offset);
+        if (found != std::string::npos) {
+            return Position{from.chunk, found};
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<RewritableText::Position> RewritableText::findLastByte(char byte, Position from, Position to) {
+    while (true) {
+        const std::size_t first = to.chunk == from.chunk ? from.offset : 0;
+        if (to.chunk != m_chunks.end() && to.offset > first) {
+            const Filter* filter = to.chunk->filter.get();
+            if (filter == nullptr || filter->bytes.test(static_cast<unsigned char>(byte))) {
+                const std::size_t found = std::string_view(to.chunk->text).substr(first, to.offset - first).rfind(byte);
+                if (found != std::string_view::npos) {
+                    return Position{to.chunk, first + found};
+                }
+            }
+        }
+        if (to.chunk == from.chunk || to.chunk == m_chunks.begin()) {
+            return std::nullopt;
+        }
+        --to.chunk;
+        to.offset = to.chunk->text.size();
+    }
+}
+
+/// Enters what an edit has brought into the filters: the groups of [from, to) and those that reach into it from both sides.
+void RewritableText::noteEdit(Position from, Position to) {
+    constexpr std::size_t kReach = kGroupSize - 1;
+    for (std::size_t back = 0; back < kReach; ++back) {
+        if (from.offset == 0) {
+            if (from.chunk == m_chunks.begin()) {
+                break;
+            }
+            --from.chunk;
+            from.offset = from.chunk->text.size();
+        }
+        --from.offset;
+    }
+    std::string edited;
+    for (auto chunk = from.chunk; chunk != m_chunks.end(); ++chunk) {
+        const std::size_t first = chunk == from.chunk ? from.offset : 0;
+        const bool last = chunk == to.chunk;
+        const std::size_t end = last ? std::min(to.offset + kReach, chunk->text.size()) : chunk->text.size();
+        if (chunk->filter != nullptr) {
+            const char* text = chunk->text.data();
+            for (std::size_t at = first; at + kGroupSize <= end; ++at) {
+                chunk->filter->groups.set(chunkBit(groupHash(text + at)));
+            }
+            for (std::size_t at = first; at < end; ++at) {
+                chunk->filter->bytes.set(static_cast<unsigned char>(text[at]));
+            }
+        }
+        if (!m_groups.empty()) {
+            noteGroups(bytesAt({chunk, first}, end - first + kReach));
+        }
+        if (last) {
+            break;
+        }
+    }
+}
+
+/// Appends a text to a chunk, or to new ones behind it once it is full, and gives the place behind it.
+RewritableText::Position RewritableText::appendTo(Chunks::iterator chunk, std::string_view text) {
+    if (chunk->text.size() + text.size() <= 2 * m_chunkSize) {
+        chunk->text += text;
+        return {chunk, chunk->text.size()};
+    }
+    for (; !text.empty(); text.remove_prefix(std::min(m_chunkSize, text.size()))) {
+        chunk = m_chunks.emplace(std::next(chunk));
+        chunk->text = text.substr(0, m_chunkSize);
+    }
+    return {chunk, chunk->text.size()};
+}
+
+RewritableText::Position RewritableText::replace(Position from, Position to, std::string_view text) {
+    const auto textEnd = m_chunks.end();
+    // What stays of the last chunk touched, so that the edit happens at the end of its first chunk.
+    std::string tail;
+    if (to.chunk != textEnd && to.chunk == from.chunk) {
+        tail = to.chunk->text.substr(to.offset);
+    } else if (to.chunk != textEnd) {
+        to.chunk->text.erase(0, to.offset);
+        m_size -= to.offset;
+    }
+    if (from.chunk == textEnd) {
+        if (text.empty()) {
+            return end();
+        }
+        from.chunk = m_chunks.emplace(textEnd);
+    }
+    const auto first = from.chunk;
+    m_size -= first->text.size() - from.offset;
+    first->text.resize(from.offset);
+    for (auto chunk = std::next(first); chunk != to.chunk && to.chunk != first && chunk != textEnd;) {
+        m_size -= chunk->text.size();
+        chunk = m_chunks.erase(chunk);
+    }
+    Position behind = appendTo(first, text);
+    if (!tail.empty()) {
+        appendTo(behind.chunk, tail);
+    }
+    m_size += text.size() + tail.size();
+    Position start = from;
+    if (first->text.empty()) {
+        const auto next = m_chunks.erase(first);
+        start = {next, 0};
+        behind = behind.chunk == first ? start : behind;
+    }
+    behind = normalized(behind);
+    noteEdit(normalized(start), behind);
+    return behind;
+}
+
+void RewritableText::copyTo(char* out) const {
+    for (const Chunk& chunk : m_chunks) {
+        std::memcpy(out, chunk.text.data(), chunk.text.size());
+        out += chunk.text.size();
+    }
+}

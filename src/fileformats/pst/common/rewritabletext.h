@@ -1,0 +1,84 @@
+// Text in which references to thousands of attachments are looked up and rewritten, one attachment after the other.
+//
+// A flat text would be searched from its start for each attachment, and its tail moved for each reference: quadratic in a message
+// that is made of pictures. So the text lies in chunks, an edit moves no more than a chunk or two, and once the text has been
+// searched a few times, sets of the four-byte groups that occur in it tell for most chunks, and mostly for the text as a whole,
+// that a search need not look.
+#pragma once
+
+#include <bitset>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class RewritableText {
+    static constexpr std::size_t kGroupBits = 32768;
+
+    struct Filter {
+        std::bitset<kGroupBits> groups;  // four-byte groups inside the chunk, and perhaps some that are gone
+        std::bitset<256> bytes;          // likewise single bytes
+    };
+
+    struct Chunk {
+        std::string text;  // not empty
+        unsigned searches = 0;
+        std::unique_ptr<Filter> filter;
+    };
+
+    using Chunks = std::list<Chunk>;
+
+public:
+    /// A place in the text, in front of a byte or at the end. An edit keeps the places in front of it.
+    struct Position {
+        Chunks::iterator chunk;
+        std::size_t offset = 0;
+    };
+
+    static constexpr std::size_t kChunkSize = 8192;
+
+    explicit RewritableText(std::string_view text, std::size_t chunkSize = kChunkSize);
+
+    std::uint64_t size() const { return m_size; }
+    Position begin() { return {m_chunks.begin(), 0}; }
+    Position end() { return {m_chunks.end(), 0}; }
+    /// The place `count` bytes further, at most the end.
+    Position advance(Position position, std::size_t count);
+    /// Up to `count` bytes from a place on.
+    std::string bytesAt(Position position, std::size_t count);
+
+    /// The first occurrence of a text, which is not empty, at `from` or behind it.
+    std::optional<Position> find(std::string_view needle, Position from);
+    /// The first occurrence of a byte at `from` or behind it.
+    std::optional<Position> findByte(char byte, Position from);
+    /// The last occurrence of a byte in front of `to` and not in front of `from`.
+    std::optional<Position> findLastByte(char byte, Position from, Position to);
+
+    /// Puts a text in the place of [from, to) and gives the place behind it.
+    Position replace(Position from, Position to, std::string_view text);
+
+    /// Copies the text to `out`, which has room for size() bytes.
+    void copyTo(char* out) const;
+
+private:
+    struct Needle;
+
+    bool mayOccur(const Needle& needle) const;
+    std::optional<Position> findInside(const Needle& needle, Chunks::iterator chunk, std::size_t from);
+    std::optional<Position> findAcross(const Needle& needle, Chunks::iterator chunk, std::size_t from);
+    void noteSearch(Chunk& chunk);
+    void noteGroups(std::string_view text);
+    void noteEdit(Position from, Position to);
+    Position normalized(Position position);
+    Position appendTo(Chunks::iterator chunk, std::string_view text);
+
+    std::size_t m_chunkSize;
+    Chunks m_chunks;
+    std::uint64_t m_size = 0;
+    unsigned m_searches = 0;
+    std::vector<bool> m_groups;  // four-byte groups of the whole text, and perhaps some that are gone; empty until it pays
+};

@@ -1,0 +1,21 @@
+// Results as JSON: the object that --json prints, and the one in which a worker reports to its program.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "job.h"
+
+namespace ternview {
+
+/// The object of --json, indented, with a line break behind it.
+std::string resultAsJson(const JobResult& result);
+
+/// The worker's report: everything in the result.
+std::string packResult(const JobResult& result);
+
+/// @return nothing when the text is no report; a worker that a mail has taken over may write anything
+std::optional<JobResult> unpackResult(std::string_view text);
+
+}  // namespace ternview

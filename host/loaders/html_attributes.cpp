@@ -1,0 +1,291 @@
+#include "html_attributes.h"
+
+#include "html_css.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+namespace ternview {
+namespace {
+
+constexpr std::size_t kMaxValueLength = 4096;
+constexpr std::size_t kMaxStyleLength = 32768;
+constexpr int kMaxPixels = 20000;
+
+std::string lowered(std::string_view text) {
+    std::string result(text.substr(0, 200));
+    std::ranges::transform(result, result.begin(), [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    return result;
+}
+
+std::string escaped(std::string_view value) {
+    std::string result;
+    for (const char c : value) {
+        if (c == '"') {
+            result += "&quot;";
+        } else if (c == '<') {
+            result += "&lt;";
+        } else if (static_cast<unsigned char>(c) >= 0x20 || c == '\n' || c == '\t') {
+            result += c;
+        }
+    }
+    return result;
+}
+
+/// A length attribute as a CSS length: a number is pixels, a percentage stays.
+std::string cssLength(std::string_view value) {
+    const std::optional<int> number = attributeNumber(value, 0, kMaxPixels);
+    if (!number) {
+        return {};
+    }
+    return value.find('%') != std::string_view::npos ? std::to_string(std::min(*number, 1000)) + "%"
+                                                     : std::to_string(*number) + "px";
+}
+
+/// A colour or keyword, which cannot end the declaration it is put into.
+std::string cssWord(std::string_view value) {
+    std::string result = lowered(value);
+    std::erase_if(result,
+                  [](char c) { return c == ';' || c == ':' || c == '"' || c == '<' || c == '\\' || c == '{' || c == '}'; });
+    return result;
+}
+
+std::string cssColor(std::string_view value) {
+    const std::string word = cssWord(value);
+    const bool bareHex = word.size() == 6 && std::ranges::all_of(word, [](unsigned char c) { return std::isxdigit(c); });
+    return bareHex ? "#" + word : word;
+}
+
+std::string declaration(std::string_view property, const std::string& value) {
+    return value.empty() ? std::string() : std::string(property) + ":" + value + ";";
+}
+
+std::string fontStyle(const HtmlToken& token) {
+    static constexpr std::array<const char*, 8> kSizes{"10px", "10px", "13px", "16px", "18px", "24px", "32px", "48px"};
+    std::string style = declaration("color", cssColor(token.attribute("color")));
+    std::string face(token.attribute("face").substr(0, 200));
+    std::erase_if(face, [](char c) { return c == ';' || c == '"' || c == '<' || c == '{' || c == '}' || c == '&'; });
+    style += declaration("font-family", face);
+    const std::string_view size = token.attribute("size");
+    const bool relative = size.starts_with('+') || size.starts_with('-');
+    if (const auto number = attributeNumber(size.substr(size.starts_with('+') ? 1 : 0), -7, 7)) {
+        style += declaration("font-size", kSizes[static_cast<std::size_t>(std::clamp(relative ? 3 + *number : *number, 1, 7))]);
+    }
+    return style;
+}
+
+std::string ruleStyle(const HtmlToken& token) {
+    std::string style;
+    const std::string color = cssColor(token.attribute("color"));
+    const std::optional<int> size = attributeNumber(token.attribute("size"), 1, 1000);
+    if (!color.empty() || token.attribute("size") == "1") {
+        style +=
+            "border:0;border-top:" + std::to_string(size.value_or(1)) + "px solid " + (color.empty() ? "#808080" : color) + ";";
+    } else if (size) {
+        style += "height:" + std::to_string(std::max(*size - 2, 0)) + "px;";
+    }
+    style += declaration("width", cssLength(token.attribute("width")));
+    const std::string align = lowered(token.attribute("align"));
+    if (align == "left" || align == "right") {
+        style += align == "left" ? "margin-left:0;margin-right:auto;" : "margin-left:auto;margin-right:0;";
+    }
+    return style;
+}
+
+std::string placedTableStyle(const HtmlToken& token, ChildAlignment surrounding) {
+    const std::string align = lowered(token.attribute("align"));
+    if (align == "left" || align == "right") {
+        return "float:" + align + ";";
+    }
+    if (align == "center" || (align.empty() && surrounding == ChildAlignment::Center)) {
+        return "margin-left:auto;margin-right:auto;";
+    }
+    return align.empty() && surrounding == ChildAlignment::Right ? "margin-left:auto;" : "";
+}
+
+std::string tableStyle(const HtmlToken& token, ChildAlignment surrounding) {
+    std::string style = placedTableStyle(token, surrounding) + declaration("height", cssLength(token.attribute("height")));
+    const auto border = std::ranges::find(token.attributes, std::string("border"), &HtmlAttribute::name);
+    if (border != token.attributes.end()) {
+        const int width = attributeNumber(border->value, 0, 1000).value_or(1);
+        style += width > 0 ? "border:" + std::to_string(width) + "px outset #808080;" : "";
+    }
+    const std::string spacing = cssLength(token.attribute("cellspacing"));
+    return style + declaration("border-spacing", spacing);
+}
+
+std::string listStyle(const HtmlToken& token) {
+    const std::string_view type = token.attribute("type");
+    if (type == "a" || type == "A") {
+        return type == "a" ? "list-style-type:lower-latin;" : "list-style-type:upper-latin;";
+    }
+    if (type == "i" || type == "I") {
+        return type == "i" ? "list-style-type:lower-roman;" : "list-style-type:upper-roman;";
+    }
+    return type == "1" ? "list-style-type:decimal;" : declaration("list-style-type", cssWord(type));
+}
+
+std::string cellStyle(const HtmlToken& token, const TableAttributes& table) {
+    std::string style =
+        table.cellPadding + table.cellBorder + table.rowAlign + declaration("height", cssLength(token.attribute("height")));
+    const std::string align = cssWord(token.attribute("align"));
+    const auto nowrap = std::ranges::find(token.attributes, std::string("nowrap"), &HtmlAttribute::name);
+    return style + declaration("vertical-align", cssWord(token.attribute("valign"))) + declaration("text-align", align) +
+           (nowrap != token.attributes.end() ? "white-space:nowrap;" : "");
+}
+
+/// What presentational attributes mean, as declarations in front of the author's own.
+std::string mendedStyle(const HtmlToken& token, ChildAlignment surrounding, const TableAttributes* table) {
+    const std::string& name = token.name;
+    std::string style;
+    if (name == "font" || name == "basefont") {
+        style = fontStyle(token);
+    } else if (name == "hr") {
+        style = ruleStyle(token);
+    } else if (name == "table") {
+        style = tableStyle(token, surrounding);
+    } else if (name == "ol" || name == "ul" || name == "li") {
+        style = listStyle(token);
+    } else if (name == "tr") {
+        style = declaration("height", cssLength(token.attribute("height")));
+    } else if (table != nullptr && (name == "td" || name == "th")) {
+        style = cellStyle(token, *table);
+    } else if (name == "body") {
+        style = declaration("color", cssColor(token.attribute("text"))) +
+                declaration("background-color", cssColor(token.attribute("bgcolor")));
+    } else if (name == "img") {
+        const std::string align = lowered(token.attribute("align"));
+        style = align == "left" || align == "right" ? "float:" + align + ";" : declaration("vertical-align", cssWord(align));
+        style += declaration("margin-left", cssLength(token.attribute("hspace"))) +
+                 declaration("margin-right", cssLength(token.attribute("hspace")));
+        const std::string border = cssLength(token.attribute("border"));
+        style += border.empty() ? "" : "border:" + border + " solid;";
+    }
+    if (lowered(token.attribute("dir")) == "rtl") {
+        style += "text-align:right;";
+    }
+    if (std::ranges::find(token.attributes, std::string("hidden"), &HtmlAttribute::name) != token.attributes.end()) {
+        style += "display:none;";
+    }
+    return style;
+}
+
+/// Whether an attribute goes on with its value checked as a number or percentage, or as it stands.
+enum class Passing { Dropped, Length, Text };
+
+Passing passing(std::string_view element, std::string_view attribute) {
+    const bool tablePart = element == "table" || element == "td" || element == "th" || element == "tr" || element == "thead" ||
+                           element == "tbody" || element == "tfoot";
+    if (attribute == "id" || attribute == "class") {
+        return Passing::Text;
+    }
+    if (attribute == "align" || attribute == "valign" || attribute == "bgcolor") {
+        return element == "img" || element == "hr" || element == "table"
+                   ? (attribute == "bgcolor" ? Passing::Text : Passing::Dropped)
+                   : Passing::Text;
+    }
+    if (attribute == "width") {
+        return element == "img" || (tablePart && element != "tr") ? Passing::Length : Passing::Dropped;
+    }
+    if (attribute == "height") {
+        return element == "img" ? Passing::Length : Passing::Dropped;
+    }
+    if (attribute == "start" || attribute == "value") {
+        return element == "ol" || element == "li" ? Passing::Length : Passing::Dropped;
+    }
+    return Passing::Dropped;
+}
+
+std::string pictureAttribute(const HtmlToken& token, const HtmlAttribute& attribute, PictureAddresses& pictures) {
+    PictureAddress address{resolveReferences(attribute.value), {}, PictureAddress::Use::Background};
+    if (attribute.name == "src") {
+        address.use = PictureAddress::Use::Element;
+        address.alternative = resolveReferences(token.attribute("alt").substr(0, kMaxValueLength));
+    }
+    return " " + attribute.name + "=\"" + pictures.add(std::move(address)) + "\"";
+}
+
+}  // namespace
+
+std::optional<int> attributeNumber(std::string_view value, int least, int most) {
+    while (!value.empty() && (value.front() == ' ' || value.front() == '+' || value.front() == '\n' || value.front() == '\t')) {
+        value.remove_prefix(1);
+    }
+    const bool negative = value.starts_with('-');
+    long number = 0;
+    std::size_t digits = negative ? 1 : 0;
+    for (; digits < value.size() && value[digits] >= '0' && value[digits] <= '9'; ++digits) {
+        number = std::min(number * 10 + (value[digits] - '0'), 1'000'000'000L);
+    }
+    if (digits == (negative ? 1U : 0U)) {
+        return std::nullopt;
+    }
+    return static_cast<int>(std::clamp(negative ? -number : number, static_cast<long>(least), static_cast<long>(most)));
+}
+
+ChildAlignment childAlignment(const HtmlToken& token, ChildAlignment inherited) {
+    if (token.name == "center") {
+        return ChildAlignment::Center;
+    }
+    const std::string align = lowered(token.attribute("align"));
+    if (token.name == "table" || align.empty()) {
+        return token.name == "table" || token.name == "td" || token.name == "th" ? ChildAlignment::Default : inherited;
+    }
+    return align == "center" || align == "middle" ? ChildAlignment::Center
+           : align == "right"                     ? ChildAlignment::Right
+                                                  : ChildAlignment::Left;
+}
+
+bool hasDisplayStyle(const HtmlToken& token) {
+    const std::string_view style = token.attribute("style");
+    return style.substr(0, kMaxStyleLength).find("display") != std::string_view::npos ||
+           style.substr(0, kMaxStyleLength).find("float") != std::string_view::npos;
+}
+
+std::string safeAttributes(const HtmlToken& token, ChildAlignment surrounding, const TableAttributes* table,
+                           PictureAddresses& pictures) {
+    std::string result;
+    std::string style = mendedStyle(token, surrounding, table);
+    bool hasSource = false;
+    std::vector<std::string_view> seen;
+    for (const HtmlAttribute& attribute : token.attributes) {
+        if (std::ranges::find(seen, attribute.name) != seen.end()) {
+            continue;  // the first of a name counts
+        }
+        seen.push_back(attribute.name);
+        const bool background = attribute.name == "background" && token.name != "img" && token.name != "body";
+        if ((attribute.name == "src" && token.name == "img") || background) {
+            hasSource = true;
+            if (background) {
+                style.insert(0, "background-image:url(" + pictures.add({resolveReferences(attribute.value), {}, {}}) + ");");
+                continue;
+            }
+            result += pictureAttribute(token, attribute, pictures);
+        } else if (attribute.name == "style") {
+            const std::string author = safeDeclarations(resolveReferences(attribute.value), pictures);
+            style += author.size() <= kMaxStyleLength ? author : std::string();
+        } else if (attribute.name == "href" && token.name == "a") {
+            result += " href=\"#\"";  // makes it a link for the style sheet; its address is of no use on paper
+        } else if (attribute.name == "colspan" || attribute.name == "rowspan") {
+            continue;  // with the limits of the table's grid, by the caller
+        } else if (const Passing how = passing(token.name, attribute.name); how == Passing::Text) {
+            result += " " + attribute.name + "=\"" + escaped(attribute.value.substr(0, kMaxValueLength)) + "\"";
+        } else if (how == Passing::Length) {
+            if (const auto number = attributeNumber(attribute.value, 0, kMaxPixels)) {
+                const bool percent = attribute.value.find('%') != std::string_view::npos;
+                result += " " + attribute.name + "=\"" + std::to_string(percent ? std::min(*number, 1000) : *number) +
+                          (percent ? "%\"" : "\"");
+            }
+        }
+    }
+    if (token.name == "img" && !hasSource) {
+        result +=
+            " src=\"" +
+            pictures.add({{}, std::string(token.attribute("alt").substr(0, kMaxValueLength)), PictureAddress::Use::Element}) +
+            "\"";
+    }
+    return style.empty() ? result : result + " style=\"" + escaped(style) + "\"";
+}
+
+}  // namespace ternview

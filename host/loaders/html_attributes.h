@@ -1,0 +1,40 @@
+// Attributes of HTML elements: which go on to the layout engine, and which become styles because the engine does not know them.
+#pragma once
+
+#include "html_addresses.h"
+#include "html_scanner.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace ternview {
+
+enum class ChildAlignment { Default, Center, Left, Right };
+
+/// What a table passes on to its rows and cells.
+struct TableAttributes {
+    std::string cellPadding;  // a declaration, or empty
+    std::string cellBorder;   // a declaration, or empty
+    std::string rowAlign;     // declaration of the current row's valign, or empty
+};
+
+/// The number in an attribute such as colspan, between `least` and `most`; nothing when it is no number.
+std::optional<int> attributeNumber(std::string_view value, int least, int most);
+
+/// How the align attribute (or the element itself) places tables inside.
+ChildAlignment childAlignment(const HtmlToken& token, ChildAlignment inherited);
+
+/// Whether the style attribute makes a box of an element that is inline by itself.
+bool hasDisplayStyle(const HtmlToken& token);
+
+/**
+ * The attributes of a start tag as text, each behind a space.
+ *
+ * @param surrounding how the surroundings place tables
+ * @param table the table that a row or cell stands in; null for all other elements
+ */
+std::string safeAttributes(const HtmlToken& token, ChildAlignment surrounding, const TableAttributes* table,
+                           PictureAddresses& pictures);
+
+}  // namespace ternview

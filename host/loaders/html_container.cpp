@@ -1,0 +1,347 @@
+#include "html_container.h"
+
+#include "html_style_sheet.h"
+
+#include <litehtml/litehtml.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace ternview {
+namespace {
+
+constexpr double kHuge = 1e9;
+constexpr int kMissingPictureSize = 20;
+constexpr std::size_t kLongWord = 32;       // characters; longer words may be broken, as addresses must be
+constexpr std::size_t kLongWordPiece = 10;  // characters that stay together
+constexpr std::size_t kLongestPiece = 100;  // characters in one piece at most, whatever they are
+constexpr std::size_t kMaxItems = 4'000'000;
+
+Box boxOf(const litehtml::position& position) {
+    return {static_cast<double>(position.x), static_cast<double>(position.y), static_cast<double>(position.width),
+            static_cast<double>(position.height)};
+}
+
+Color colorOf(const litehtml::web_color& color) {
+    return {color.red / 255.0, color.green / 255.0, color.blue / 255.0, color.alpha / 255.0};
+}
+
+CornerRadii radiiOf(const litehtml::border_radiuses& r) {
+    const auto corner = [](int x, int y) { return std::array<double, 2>{static_cast<double>(x), static_cast<double>(y)}; };
+    return {corner(r.top_left_x, r.top_left_y), corner(r.top_right_x, r.top_right_y), corner(r.bottom_right_x, r.bottom_right_y),
+            corner(r.bottom_left_x, r.bottom_left_y)};
+}
+
+BorderItem::Side sideOf(const litehtml::border& border) {
+    BorderItem::Style style = BorderItem::Style::Solid;
+    switch (border.style) {
+        case litehtml::border_style_none:
+        case litehtml::border_style_hidden:
+            style = BorderItem::Style::None;
+            break;
+        case litehtml::border_style_dotted:
+            style = BorderItem::Style::Dotted;
+            break;
+        case litehtml::border_style_dashed:
+            style = BorderItem::Style::Dashed;
+            break;
+        case litehtml::border_style_double:
+            style = BorderItem::Style::Double;
+            break;
+        default:
+            break;
+    }
+    return {style == BorderItem::Style::None ? 0.0 : static_cast<double>(border.width), style, colorOf(border.color)};
+}
+
+/// The first character of valid UTF-8, and its length in bytes.
+char32_t decodeFirst(std::string_view text, std::size_t& length) {
+    const gunichar character = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
+    if (character == static_cast<gunichar>(-1) || character == static_cast<gunichar>(-2)) {
+        length = 1;
+        return 0xFFFD;
+    }
+    length = static_cast<std::size_t>(g_utf8_next_char(text.data()) - text.data());
+    return character;
+}
+
+/// Characters between which a line may end without a space; Korean ends its lines at spaces.
+bool isEastAsian(char32_t c) {
+    return (c >= 0x2E80 && c < 0xA000) || (c >= 0xF900 && c <= 0xFAFF) || (c >= 0xFE30 && c <= 0xFE4F) ||
+           (c >= 0xFF00 && c <= 0xFFEF) || (c >= 0x20000 && c <= 0x3FFFF);
+}
+
+/// Characters that do not start a line: closing punctuation and small kana; combining marks never leave their base.
+bool staysWithPrevious(char32_t c) {
+    static constexpr std::u32string_view kClosing =
+        U"、。，．・：；？！）］｝〉》」』】〕〗〙〛’”…‥ー々ぁぃぅぇぉっゃゅょゎァィゥェォッャュョヮヵヶ゛゜％"
+        U",.:;?!)]}%";
+    const GUnicodeType type = g_unichar_type(c);
+    return kClosing.find(c) != std::u32string_view::npos || type == G_UNICODE_NON_SPACING_MARK ||
+           type == G_UNICODE_ENCLOSING_MARK || type == G_UNICODE_SPACING_MARK || c == 0x200D || (c >= 0xFE00 && c <= 0xFE0F) ||
+           (c >= 0x1F3FB && c <= 0x1F3FF);
+}
+
+bool staysWithNext(char32_t c) {
+    static constexpr std::u32string_view kOpening = U"（［｛〈《「『【〔〖〘〚‘“￥＄([{";
+    return kOpening.find(c) != std::u32string_view::npos || c == 0x200D;
+}
+
+class Recorder final : public litehtml::document_container {
+public:
+    Recorder(const SafeHtml& html, int width, int height, HtmlFonts& fonts, HtmlPictures& pictures)
+        : m_html(html),
+          m_width(width),
+          m_height(height),
+          m_fonts(fonts),
+          m_pictures(pictures),
+          m_frameFont(fonts.create({.families = "sans-serif", .size = 12})) {}
+
+    RecordedHtml take() { return std::move(m_recorded); }
+
+    // ---- fonts and text
+
+    litehtml::uint_ptr create_font(const char* faceName, int size, int weight, litehtml::font_style italic,
+                                   unsigned int decoration, litehtml::font_metrics* metrics) override {
+        HtmlFont* font = m_fonts.create({.families = faceName,
+                                         .size = size,
+                                         .weight = weight,
+                                         .italic = italic == litehtml::fontStyleItalic,
+                                         .underline = (decoration & litehtml::font_decoration_underline) != 0,
+                                         .strikeThrough = (decoration & litehtml::font_decoration_linethrough) != 0,
+                                         .overline = (decoration & litehtml::font_decoration_overline) != 0});
+        if (metrics != nullptr) {
+            metrics->ascent = font->ascent();
+            metrics->descent = font->descent();
+            metrics->height = font->height();
+            metrics->x_height = font->xHeight();
+            metrics->draw_spaces = decoration != 0;
+        }
+        return reinterpret_cast<litehtml::uint_ptr>(font);
+    }
+    void delete_font(litehtml::uint_ptr /*font*/) override {}  // recorded text goes on using it
+    int text_width(const char* text, litehtml::uint_ptr font) override { return fontOf(font)->textWidth(text); }
+    void draw_text(litehtml::uint_ptr /*device*/, const char* text, litehtml::uint_ptr font, litehtml::web_color color,
+                   const litehtml::position& position) override {
+        const double baseline = static_cast<double>(position.bottom()) - fontOf(font)->descent();
+        add(boxOf(position), TextItem{text, fontOf(font), colorOf(color), baseline});
+    }
+    int pt_to_px(int points) const override { return static_cast<int>(std::lround(points * 96.0 / 72)); }
+    int get_default_font_size() const override { return 16; }
+    const char* get_default_font_name() const override { return "Times New Roman, serif"; }
+
+    void transform_text(litehtml::tstring& text, litehtml::text_transform transform) override {
+        gchar* changed = nullptr;
+        if (transform == litehtml::text_transform_uppercase) {
+            changed = g_utf8_strup(text.c_str(), -1);
+        } else if (transform == litehtml::text_transform_lowercase) {
+            changed = g_utf8_strdown(text.c_str(), -1);
+        } else if (transform == litehtml::text_transform_capitalize && !text.empty()) {
+            const gchar* rest = g_utf8_next_char(text.c_str());
+            gchar* first = g_utf8_strup(text.c_str(), rest - text.c_str());
+            changed = g_strconcat(first, rest, nullptr);
+            g_free(first);
+        }
+        if (changed != nullptr) {
+            text = changed;
+            g_free(changed);
+        }
+    }
+
+    /// Cuts text into the pieces that lines may end behind.
+    void split_text(const char* text, const std::function<void(const char*)>& onWord,
+                    const std::function<void(const char*)>& onSpace) override {
+        std::string_view rest(text);
+        while (!rest.empty()) {
+            if (isSpace(rest.front())) {
+                onSpace(std::string(1, rest.front()).c_str());
+                rest.remove_prefix(1);
+                continue;
+            }
+            std::size_t length = 0;
+            while (length < rest.size() && !isSpace(rest[length])) {
+                ++length;
+            }
+            splitWord(rest.substr(0, length), onWord);
+            rest.remove_prefix(length);
+        }
+    }
+
+    // ---- pictures
+
+    void load_image(const char* /*source*/, const char* /*base*/, bool /*redraw*/) override {}
+    void get_image_size(const char* source, const char* /*base*/, litehtml::size& size) override {
+        const PictureAddress* address = m_html.pictures.find(source);
+        if (address == nullptr) {
+            return;
+        }
+        if (const Picture* picture = m_pictures.load(address->address)) {
+            size.width = std::max(1, static_cast<int>(std::lround(picture->width)));
+            size.height = std::max(1, static_cast<int>(std::lround(picture->height)));
+        } else if (address->use == PictureAddress::Use::Element) {
+            const int text = address->alternative.empty() ? 0 : m_frameFont->textWidth(address->alternative) + 8;
+            size.width = std::clamp(text, kMissingPictureSize, std::max(m_width, kMissingPictureSize));
+            size.height = kMissingPictureSize;
+        }
+    }
+
+    void draw_background(litehtml::uint_ptr /*device*/, const litehtml::background_paint& paint) override {
+        if (paint.color.alpha > 0 && paint.is_root) {
+            m_recorded.pageColor = colorOf(paint.color);
+        } else if (paint.color.alpha > 0) {
+            add(boxOf(paint.clip_box), FillItem{colorOf(paint.color), radiiOf(paint.border_radius)});
+        }
+        const PictureAddress* address = m_html.pictures.find(paint.image);
+        if (address == nullptr) {
+            return;
+        }
+        const bool content = address->use == PictureAddress::Use::Element;
+        if (const Picture* picture = m_pictures.load(address->address)) {
+            const bool both = paint.repeat == litehtml::background_repeat_repeat;
+            add(boxOf(paint.clip_box),
+                PictureItem{picture,
+                            {static_cast<double>(paint.position_x), static_cast<double>(paint.position_y),
+                             static_cast<double>(paint.image_size.width), static_cast<double>(paint.image_size.height)},
+                            !content && (both || paint.repeat == litehtml::background_repeat_repeat_x),
+                            !content && (both || paint.repeat == litehtml::background_repeat_repeat_y),
+                            radiiOf(paint.border_radius),
+                            content ? PictureItem::Role::Content : PictureItem::Role::Background});
+        } else if (content) {
+            add(boxOf(paint.clip_box), FrameItem{address->alternative, m_frameFont});
+        }
+    }
+
+    void draw_borders(litehtml::uint_ptr /*device*/, const litehtml::borders& borders, const litehtml::position& position,
+                      bool /*root*/) override {
+        BorderItem item{{sideOf(borders.top), sideOf(borders.right), sideOf(borders.bottom), sideOf(borders.left)},
+                        radiiOf(borders.radius)};
+        if (std::ranges::any_of(item.sides, [](const BorderItem::Side& side) { return side.width > 0; })) {
+            add(boxOf(position), item);
+        }
+    }
+
+    void draw_list_marker(litehtml::uint_ptr /*device*/, const litehtml::list_marker& marker) override {
+        MarkerItem::Shape shape = MarkerItem::Shape::Disc;
+        if (marker.marker_type == litehtml::list_style_type_circle) {
+            shape = MarkerItem::Shape::Circle;
+        } else if (marker.marker_type == litehtml::list_style_type_square) {
+            shape = MarkerItem::Shape::Square;
+        } else if (marker.marker_type != litehtml::list_style_type_disc) {
+            return;
+        }
+        add(boxOf(marker.pos), MarkerItem{shape, colorOf(marker.color)});
+    }
+
+    // ---- clipping
+
+    void set_clip(const litehtml::position& position, const litehtml::border_radiuses& /*radii*/, bool validX,
+                  bool validY) override {
+        Box box = boxOf(position);
+        if (!validX) {
+            box.x = -kHuge;
+            box.width = 2 * kHuge;
+        }
+        if (!validY) {
+            box.y = -kHuge;
+            box.height = 2 * kHuge;
+        }
+        m_clips.push_back(box.intersected(m_clips.back()));
+    }
+    void del_clip() override {
+        if (m_clips.size() > 1) {
+            m_clips.pop_back();
+        }
+    }
+
+    // ---- the page, and what a document on paper has no use for
+
+    void get_client_rect(litehtml::position& client) const override { client = litehtml::position(0, 0, m_width, m_height); }
+    void get_media_features(litehtml::media_features& media) const override {
+        // A mail is made for the screen of a mail reader; rules for printing would hide or change what its reader saw.
+        media.type = litehtml::media_type_screen;
+        media.width = media.device_width = m_width;
+        media.height = media.device_height = m_height;
+        media.color = 8;
+        media.resolution = 96;
+    }
+    void get_language(litehtml::tstring& language, litehtml::tstring& culture) const override {
+        language = "en";
+        culture.clear();
+    }
+    std::shared_ptr<litehtml::element> create_element(const char* /*name*/, const litehtml::string_map& /*attributes*/,
+                                                      const std::shared_ptr<litehtml::document>& /*document*/) override {
+        return nullptr;
+    }
+    void import_css(litehtml::tstring& text, const litehtml::tstring& /*url*/, litehtml::tstring& /*base*/) override {
+        text.clear();
+    }
+    void set_caption(const char* /*caption*/) override {}
+    void set_base_url(const char* /*base*/) override {}
+    void link(const std::shared_ptr<litehtml::document>& /*document*/, const litehtml::element::ptr& /*element*/) override {}
+    void on_anchor_click(const char* /*url*/, const litehtml::element::ptr& /*element*/) override {}
+    void set_cursor(const char* /*cursor*/) override {}
+
+private:
+    static HtmlFont* fontOf(litehtml::uint_ptr font) { return reinterpret_cast<HtmlFont*>(font); }
+    static bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f'; }
+
+    template <typename Content>
+    void add(const Box& box, Content content) {
+        if (m_recorded.items.size() < kMaxItems && !box.intersected(m_clips.back()).empty()) {
+            m_recorded.items.push_back({box, m_clips.back(), std::move(content)});
+        }
+    }
+
+    static void splitWord(std::string_view word, const std::function<void(const char*)>& onWord) {
+        const bool breakable = word.size() > kLongWord &&
+                               g_utf8_strlen(word.data(), static_cast<gssize>(word.size())) > static_cast<glong>(kLongWord);
+        std::string piece;
+        std::size_t characters = 0;
+        char32_t previous = 0;
+        while (!word.empty()) {
+            std::size_t length = 0;
+            const char32_t current = decodeFirst(word, length);
+            const bool between = isEastAsian(previous) || isEastAsian(current) || (breakable && characters >= kLongWordPiece);
+            const bool allowed = between && !staysWithPrevious(current) && !staysWithNext(previous);
+            if (!piece.empty() && (allowed || characters >= kLongestPiece)) {
+                onWord(piece.c_str());
+                piece.clear();
+                characters = 0;
+            }
+            piece += word.substr(0, length);
+            ++characters;
+            previous = current;
+            word.remove_prefix(length);
+        }
+        onWord(piece.c_str());
+    }
+
+    const SafeHtml& m_html;
+    int m_width;
+    int m_height;
+    HtmlFonts& m_fonts;
+    HtmlPictures& m_pictures;
+    HtmlFont* m_frameFont;
+    RecordedHtml m_recorded;
+    std::vector<Box> m_clips{Box{-kHuge, -kHuge, 2 * kHuge, 2 * kHuge}};
+};
+
+}  // namespace
+
+RecordedHtml recordHtml(const SafeHtml& html, int width, int height, HtmlFonts& fonts, HtmlPictures& pictures) {
+    Recorder recorder(html, width, height, fonts, pictures);
+    litehtml::context context;
+    std::string master = kHtmlStyleSheet;
+    if (html.mode == SafeHtml::Mode::Quirks) {
+        master += kHtmlQuirksStyleSheet;
+    }
+    context.load_master_stylesheet(master.c_str());
+    const litehtml::document::ptr document = litehtml::document::createFromUTF8(html.html.c_str(), &recorder, &context);
+    if (document != nullptr) {
+        document->render(width);
+        document->draw(0, 0, 0, nullptr);
+    }
+    return recorder.take();
+}
+
+}  // namespace ternview

@@ -1,0 +1,43 @@
+// Style sheets and style attributes made safe for the layout engine, and mended where it reads them differently from browsers.
+#pragma once
+
+#include "html_addresses.h"
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ternview {
+
+/**
+ * The declarations of a style attribute or a rule. Addresses become short names; lengths become whole pixels where the engine
+ * would cut off their fractions, and none is beyond what a page can need; `display` values that make tables of other elements
+ * are left out, as the engine's repair of incomplete tables fails on some of them.
+ */
+std::string safeDeclarations(std::string_view css, PictureAddresses& addresses);
+
+/// Collects the style sheets of a document.
+class SafeStyleSheet {
+public:
+    void append(std::string_view css, PictureAddresses& addresses);
+    /**
+     * The rules that can be afforded, in their order.
+     *
+     * @param elements the number of elements, each of which is compared with each selector
+     * @param depth how deep elements are nested: a selector of n parts may be compared with each choice of n - 1 ancestors
+     */
+    std::string text(std::size_t elements, std::size_t depth) const;
+
+private:
+    struct Rule {
+        std::string media;  // the condition of the surrounding @media; empty for none
+        std::vector<std::string> selectors;
+        std::string declarations;
+    };
+    void appendRules(std::string_view css, const std::string& media, PictureAddresses& addresses);
+
+    std::vector<Rule> m_rules;
+};
+
+}  // namespace ternview

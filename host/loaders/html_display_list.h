@@ -1,0 +1,97 @@
+// What a laid-out HTML document draws, in the order in which it is drawn: recorded once, then painted page by page, so that a
+// page costs what is on it and the layout engine is done with before anything is painted.
+#pragma once
+
+#include "html_fonts.h"
+#include "html_pictures.h"
+
+#include <cairo.h>
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace ternview {
+
+struct Box {
+    double x = 0;
+    double y = 0;
+    double width = 0;
+    double height = 0;
+    double right() const { return x + width; }
+    double bottom() const { return y + height; }
+    bool empty() const { return !(width > 0) || !(height > 0); }
+    Box intersected(const Box& other) const;
+};
+
+struct Color {
+    double red = 0;
+    double green = 0;
+    double blue = 0;
+    double alpha = 1;
+    bool operator==(const Color&) const = default;
+};
+
+/// Horizontal and vertical radius of each corner, clockwise from the upper left one.
+using CornerRadii = std::array<std::array<double, 2>, 4>;
+
+struct TextItem {
+    std::string text;
+    const HtmlFont* font;
+    Color color;
+    double baseline;
+};
+
+struct FillItem {
+    Color color;
+    CornerRadii radii;
+};
+
+struct PictureItem {
+    const Picture* picture;
+    Box tile;  // where the picture, or the first of the repeated ones, goes
+    bool repeatX;
+    bool repeatY;
+    CornerRadii radii;
+    enum class Role { Content, Background } role;
+};
+
+/// The place of a picture that is not there.
+struct FrameItem {
+    std::string alternative;
+    HtmlFont* font;
+};
+
+struct BorderItem {
+    enum class Style { None, Solid, Dotted, Dashed, Double };
+    struct Side {
+        double width;
+        Style style;
+        Color color;
+    };
+    std::array<Side, 4> sides;  // top, right, bottom, left
+    CornerRadii radii;
+};
+
+struct MarkerItem {
+    enum class Shape { Disc, Circle, Square } shape;
+    Color color;
+};
+
+struct DisplayItem {
+    Box box;   // what it covers
+    Box clip;  // what may be seen of it
+    std::variant<TextItem, FillItem, PictureItem, FrameItem, BorderItem, MarkerItem> content;
+
+    /// Whether a page break must not go through it.
+    bool solid() const;
+    /// Whether it shows anything on white paper.
+    bool visible() const;
+};
+
+/// Paints an item at its place in the document.
+void paint(const DisplayItem& item, cairo_t* context);
+
+}  // namespace ternview

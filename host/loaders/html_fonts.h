@@ -1,0 +1,68 @@
+// Fonts of an HTML document: Pango behind the few things the layout engine asks of a font.
+#pragma once
+
+#include <pango/pangocairo.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace ternview {
+
+struct GObjectDeleter {
+    void operator()(gpointer object) const { g_object_unref(object); }
+};
+
+struct HtmlFontStyle {
+    std::string families;  // as in CSS, with commas
+    int size = 16;         // in CSS pixels
+    int weight = 400;
+    bool italic = false;
+    bool underline = false;
+    bool strikeThrough = false;
+    bool overline = false;
+};
+
+class HtmlFont {
+public:
+    HtmlFont(PangoContext* context, const HtmlFontStyle& style);
+
+    /// In CSS pixels. Widths of words are remembered: a mail repeats most of its words, and the engine asks again and again.
+    int textWidth(std::string_view text);
+    /// Draws text with its baseline starting at a point, with the font's lines through or under it.
+    void draw(cairo_t* context, std::string_view text, double x, double baseline) const;
+
+    int ascent() const { return m_ascent; }
+    int descent() const { return m_descent; }
+    int height() const { return m_height; }
+    int xHeight() const { return m_xHeight; }
+    const HtmlFontStyle& style() const { return m_style; }
+
+private:
+    void drawLine(cairo_t* context, double x, double width, double y) const;
+
+    HtmlFontStyle m_style;
+    std::unique_ptr<PangoLayout, GObjectDeleter> m_layout;
+    std::unordered_map<std::string, int> m_widths;
+    int m_ascent = 0;
+    int m_descent = 0;
+    int m_height = 0;
+    int m_xHeight = 0;
+    double m_underlineOffset = 0;  // below the baseline
+    double m_lineThickness = 1;
+};
+
+class HtmlFonts {
+public:
+    HtmlFonts();
+    /// The font lives as long as this object.
+    HtmlFont* create(const HtmlFontStyle& style);
+
+private:
+    std::unique_ptr<PangoContext, GObjectDeleter> m_context;
+    std::vector<std::unique_ptr<HtmlFont>> m_fonts;
+};
+
+}  // namespace ternview

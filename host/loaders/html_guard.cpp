@@ -1,0 +1,663 @@
+#include "html_guard.h"
+
+#include "html_attributes.h"
+#include "html_css.h"
+#include "html_scanner.h"
+#include "html_tags.h"
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+namespace ternview {
+namespace {
+
+constexpr std::size_t kMaxDepth = 160;
+constexpr std::size_t kMaxTableDepth = 8;
+constexpr std::size_t kMaxInlines = 32;  // open at one place; each block inside repeats them
+constexpr std::size_t kMaxElements = 100'000;
+constexpr std::size_t kMaxWords = 1'000'000;
+constexpr std::size_t kMaxTextBytes = std::size_t{20} << 20;
+constexpr std::size_t kMaxStyleBytes = std::size_t{2} << 20;
+constexpr std::size_t kMaxColumns = 1000;
+constexpr std::size_t kMaxGridCells = 300'000;  // of one table, counting covered ones
+constexpr std::size_t kMaxSpanned = 500'000;    // cells covered by colspan and rowspan in the whole document
+constexpr std::size_t kMaxListItems = 10'000;   // the engine counts each item's predecessors
+constexpr std::size_t kMaxFloats = 2000;        // and compares each float with all others
+// The engine lays a cell out two or three times, so what stands in nested tables costs a power of the depth.
+constexpr double kLayoutsPerTable = 2.6;
+constexpr double kMaxLayouts = 20e6;  // of words
+constexpr double kWordsPerElement = 10;
+constexpr std::size_t kTableDepthWhenCostly = 1;
+
+constexpr std::string_view kShortenedNotice =
+    "<hr><p><i>This message is too long to be shown whole. The rest is left out.</i></p>";
+
+bool isSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';
+}
+
+/// Document types by which browsers keep to the standards; public ones of old HTML without an address mean quirks.
+bool isStandardsDoctype(std::string_view doctype) {
+    return doctype.find("http") != std::string_view::npos ||
+           (doctype.find("PUBLIC") == std::string_view::npos && doctype.find("public") == std::string_view::npos);
+}
+
+struct InlineTag {
+    std::string name;
+    std::string startTag;
+};
+
+struct TableState {
+    TableAttributes attributes;
+    std::size_t rows = 0;
+    std::size_t columns = 0;  // of the widest row
+    std::size_t columnsInRow = 0;
+};
+
+struct OpenElement {
+    std::string name;     // in the source
+    std::string emitted;  // in the result
+    TagKind kind = TagKind::Block;
+    ChildAlignment alignment = ChildAlignment::Default;
+    std::string startTag;            // of an inline element, to repeat it
+    std::vector<InlineTag> outside;  // of a table part: the inline elements that go on behind it
+    TableState table;
+    bool empty = true;  // nothing visible inside so far
+};
+
+class GuardedWriter {
+public:
+    explicit GuardedWriter(std::string_view source) : m_scanner(source) {}
+
+    SafeHtml write() {
+        for (HtmlToken token = m_scanner.next(); token.kind != HtmlToken::Kind::End && !m_full; token = m_scanner.next()) {
+            switch (token.kind) {
+                case HtmlToken::Kind::Text:
+                    addText(token.text);
+                    break;
+                case HtmlToken::Kind::StartTag:
+                    startTag(token);
+                    break;
+                case HtmlToken::Kind::EndTag:
+                    endTag(token.name);
+                    break;
+                case HtmlToken::Kind::Doctype:
+                    m_standards = m_standards || (m_body.empty() && isStandardsDoctype(token.text));
+                    break;
+                case HtmlToken::Kind::End:
+                    break;
+            }
+        }
+        closeDownTo(0);
+        return finish();
+    }
+
+private:
+    static bool isTablePart(TagKind kind) { return kind == TagKind::Table || kind == TagKind::Section || kind == TagKind::Row; }
+    static bool isBoundary(TagKind kind) { return kind >= TagKind::Table; }
+
+    // ---- what is open
+
+    /// Inside a table but in none of its cells.
+    bool betweenCells() const { return !m_open.empty() && isTablePart(m_open.back().kind); }
+    ChildAlignment alignment() const { return m_open.empty() ? ChildAlignment::Default : m_open.back().alignment; }
+
+    static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+    /// The innermost open element for which `wanted` holds, not looking out of the current cell.
+    template <typename Predicate>
+    std::size_t findOpen(Predicate wanted) const {
+        for (std::size_t i = m_open.size(); i-- > 0;) {
+            if (wanted(m_open[i])) {
+                return i;
+            }
+            if (isBoundary(m_open[i].kind)) {
+                break;
+            }
+        }
+        return kNone;
+    }
+
+    std::size_t innermostTable() const {
+        for (std::size_t i = m_open.size(); i-- > 0;) {
+            if (m_open[i].kind == TagKind::Table) {
+                return i;
+            }
+        }
+        return kNone;
+    }
+
+    void closeTop() {
+        OpenElement& top = m_open.back();
+        m_body += top.emitted.empty() ? std::string() : "</" + top.emitted + ">";
+        if (top.kind == TagKind::Inline) {
+            m_pending.insert(m_pending.begin(), {top.name, std::move(top.startTag)});
+        } else if (isBoundary(top.kind)) {
+            m_pending = std::move(top.outside);
+            m_tableDepth -= top.kind == TagKind::Table && top.emitted == "table" ? 1 : 0;
+        }
+        m_open.pop_back();
+    }
+
+    void closeDownTo(std::size_t count) {
+        while (m_open.size() > count) {
+            closeTop();
+        }
+    }
+
+    void closeParagraph() {
+        const std::size_t open = findOpen([](const OpenElement& e) { return e.kind == TagKind::Paragraph; });
+        if (open != kNone) {
+            closeDownTo(open);
+        }
+    }
+
+    /// Ends the inline elements at the top; they go on inside what comes next.
+    void suspendInlines() {
+        while (!m_open.empty() && m_open.back().kind == TagKind::Inline) {
+            closeTop();
+        }
+    }
+
+    void resumeInlines() {
+        std::vector<InlineTag> pending = std::move(m_pending);
+        m_pending.clear();
+        for (InlineTag& tag : pending) {
+            if (!countElement() || m_open.size() >= kMaxDepth) {
+                break;
+            }
+            m_body += tag.startTag;
+            OpenElement element;
+            element.emitted = tag.name;
+            element.name = std::move(tag.name);
+            element.kind = TagKind::Inline;
+            element.alignment = alignment();
+            element.startTag = std::move(tag.startTag);
+            m_open.push_back(std::move(element));
+        }
+    }
+
+    bool countElement() {
+        if (m_elements >= kMaxElements) {
+            m_shortened = true;
+            return false;
+        }
+        ++m_elements;
+        return true;
+    }
+
+    /// Writes a start tag and opens its element. `emitted` is the name under which it goes on; without one, which is so for the
+    /// parts of a table that is too deep, only its content does.
+    bool open(const HtmlToken& token, TagKind kind, const std::string& emitted, const std::string& attributes) {
+        if (m_open.size() >= kMaxDepth || !countElement()) {
+            m_body += ' ';
+            return false;
+        }
+        OpenElement element;
+        element.name = token.name;
+        element.emitted = emitted;
+        element.kind = kind;
+        element.alignment = childAlignment(token, alignment());
+        if (isBoundary(kind)) {
+            element.outside = std::move(m_pending);
+            m_pending.clear();
+        }
+        if (!emitted.empty()) {
+            m_body += "<" + emitted + attributes + ">";
+        } else {
+            m_body += kind == TagKind::Row ? "<br>" : " ";
+        }
+        m_open.push_back(std::move(element));
+        m_depth = std::max(m_depth, m_open.size());
+        return true;
+    }
+
+    std::string attributesOf(const HtmlToken& token, const TableAttributes* table = nullptr) {
+        const bool floats = token.attribute("style").find("float") != std::string_view::npos ||
+                            (token.name == "table" && !token.attribute("align").empty());
+        if (floats && ++m_floats > kMaxFloats) {
+            return {};
+        }
+        return safeAttributes(token, alignment(), table, m_result.pictures);
+    }
+
+    // ---- start tags
+
+    void startTag(const HtmlToken& token) {
+        switch (const TagKind kind = tagKind(token.name)) {
+            case TagKind::Unknown:
+                break;
+            case TagKind::Document:
+                if (token.name == "body" && m_bodyAttributes.empty()) {
+                    m_bodyAttributes = attributesOf(token);
+                }
+                break;
+            case TagKind::Dropped:
+                m_scanner.skipElement(token.name);
+                break;
+            case TagKind::Style:
+                addStyleSheet(token);
+                break;
+            case TagKind::Void:
+                addVoid(token);
+                break;
+            case TagKind::Inline:
+                startInline(token);
+                break;
+            case TagKind::Table:
+                startTable(token);
+                break;
+            case TagKind::Section:
+            case TagKind::Caption:
+                startSection(token, kind);
+                break;
+            case TagKind::Row:
+                startRow(token);
+                break;
+            case TagKind::Cell:
+                startCell(token);
+                break;
+            default:
+                startBlock(token, kind);
+        }
+    }
+
+    void addStyleSheet(const HtmlToken& token) {
+        const std::string_view css = m_scanner.skipElement("style");
+        m_styleBytes += css.size();
+        const std::string_view media = token.attribute("media");
+        const bool forScreen =
+            media.empty() || media.find("screen") != std::string_view::npos || media.find("all") != std::string_view::npos;
+        if (forScreen && m_styleBytes <= kMaxStyleBytes) {
+            m_styles.append(css, m_result.pictures);
+        }
+    }
+
+    void addVoid(const HtmlToken& token) {
+        if (betweenCells()) {
+            if (token.name != "img" || !openImpliedCell()) {
+                return;
+            }
+        }
+        if (token.name == "hr") {
+            closeParagraph();
+            suspendInlines();
+        } else {
+            resumeInlines();
+        }
+        if (!countElement()) {
+            m_body += ' ';
+            return;
+        }
+        if (token.name == "br" && !m_open.empty() && m_open.back().empty) {
+            m_body += "&nbsp;";  // a block with nothing but line breaks keeps its lines
+        }
+        addLayouts(kWordsPerElement);
+        m_body += "<" + token.name + attributesOf(token) + ">";
+        markFilled();
+    }
+
+    void startInline(const HtmlToken& token) {
+        if (betweenCells()) {
+            return;
+        }
+        if (hasDisplayStyle(token)) {
+            suspendInlines();
+            addLayouts(kWordsPerElement);
+            open(token, TagKind::Block, token.name, attributesOf(token));
+            return;
+        }
+        std::size_t inlines = m_pending.size();
+        for (std::size_t i = m_open.size(); i-- > 0 && m_open[i].kind == TagKind::Inline;) {
+            ++inlines;
+        }
+        if (token.name == "a") {
+            endInline("a");  // links do not nest
+        }
+        if (inlines < kMaxInlines) {
+            m_pending.push_back({token.name, "<" + token.name + attributesOf(token) + ">"});
+        }
+    }
+
+    void startBlock(const HtmlToken& token, TagKind kind) {
+        if (betweenCells()) {
+            return;
+        }
+        closeParagraph();
+        if (kind == TagKind::ListItem || kind == TagKind::Term) {
+            const std::size_t item = findOpen(
+                [kind](const OpenElement& e) { return e.kind == kind || e.name == "ul" || e.name == "ol" || e.name == "dl"; });
+            if (item != kNone && m_open[item].kind == kind) {
+                closeDownTo(item);
+            }
+        }
+        suspendInlines();
+        addLayouts(kWordsPerElement);
+        if (kind == TagKind::Heading && !m_open.empty() && m_open.back().kind == TagKind::Heading) {
+            closeTop();
+        }
+        const bool plain = kind == TagKind::ListItem && ++m_listItems > kMaxListItems;
+        const std::string emitted = plain ? "div" : token.name == "listing" || token.name == "xmp" ? "pre" : token.name;
+        open(token, kind, emitted, attributesOf(token));
+    }
+
+    // ---- tables
+
+    bool tablesAreCostly(std::size_t depth) const {
+        return depth > kMaxTableDepth || (m_layouts > kMaxLayouts && depth > kTableDepthWhenCostly);
+    }
+
+    void startTable(const HtmlToken& token) {
+        if (betweenCells()) {
+            closeDownTo(innermostTable());
+        }
+        closeParagraph();
+        suspendInlines();
+        addLayouts(3 * kWordsPerElement);
+        const bool flat = tablesAreCostly(m_tableDepth + 1);
+        constexpr std::size_t kTableParts = 4;  // table, section, row and cell
+        if (m_open.size() + kTableParts > kMaxDepth) {
+            return;
+        }
+        if (!open(token, TagKind::Table, flat ? "" : "table", flat ? std::string() : attributesOf(token))) {
+            return;
+        }
+        m_tableDepth += flat ? 0 : 1;
+        if (const auto padding = attributeNumber(token.attribute("cellpadding"), 0, 1000)) {
+            m_open.back().table.attributes.cellPadding = "padding:" + std::to_string(*padding) + "px;";
+        }
+        const auto border = std::ranges::find(token.attributes, std::string("border"), &HtmlAttribute::name);
+        if (border != token.attributes.end() && attributeNumber(border->value, 0, 1000).value_or(1) > 0) {
+            m_open.back().table.attributes.cellBorder = "border:1px inset #808080;";
+        }
+    }
+
+    /// Closes everything down to the innermost table, or to its open part of a kind.
+    std::size_t closeToTable() {
+        const std::size_t table = innermostTable();
+        if (table != kNone) {
+            closeDownTo(table + 1);
+        }
+        return table;
+    }
+
+    std::string partName(std::size_t table, const HtmlToken& token) const {
+        return m_open[table].emitted == "table" ? token.name : std::string();
+    }
+
+    void startSection(const HtmlToken& token, TagKind kind) {
+        const std::size_t table = closeToTable();
+        if (table != kNone) {
+            open(token, kind, partName(table, token), m_open[table].emitted == "table" ? attributesOf(token) : std::string());
+        }
+    }
+
+    bool startRow(const HtmlToken& token) {
+        const std::size_t table = innermostTable();
+        if (table == kNone) {
+            return false;
+        }
+        TableState& state = m_open[table].table;
+        if ((state.rows + 1) * std::max<std::size_t>(state.columns, 1) > kMaxGridCells) {
+            m_body += ' ';
+            return false;
+        }
+        const bool inSection = table + 1 < m_open.size() && m_open[table + 1].kind == TagKind::Section;
+        closeDownTo(table + (inSection ? 2 : 1));
+        ++state.rows;
+        state.columnsInRow = 0;
+        const std::string_view valign = token.attribute("valign");
+        const bool plain = valign == "top" || valign == "bottom" || valign == "middle";
+        state.attributes.rowAlign = plain ? "vertical-align:" + std::string(valign) + ";" : std::string();
+        return open(token, TagKind::Row, partName(table, token),
+                    m_open[table].emitted == "table" ? attributesOf(token) : std::string());
+    }
+
+    bool startCell(const HtmlToken& token) {
+        const std::size_t table = innermostTable();
+        if (table == kNone) {
+            return false;
+        }
+        std::size_t row = table + 1;
+        while (row < m_open.size() && m_open[row].kind != TagKind::Row) {
+            ++row;
+        }
+        if (row == m_open.size()) {
+            HtmlToken implied;
+            implied.name = "tr";
+            if (!startRow(implied)) {
+                return false;
+            }
+            row = m_open.size() - 1;
+        }
+        TableState& state = m_open[table].table;
+        if (state.columnsInRow >= kMaxColumns) {
+            m_body += ' ';
+            return false;
+        }
+        closeDownTo(row + 1);
+        const std::string spans = spanAttributes(token, state);
+        const bool flat = m_open[table].emitted != "table";
+        const TableAttributes attributes = state.attributes;
+        if (!open(token, TagKind::Cell, partName(table, token),
+                  flat ? std::string() : spans + attributesOf(token, &attributes))) {
+            return false;
+        }
+        if (m_standards) {
+            m_pending = m_open[table].outside;
+        }
+        return true;
+    }
+
+    std::string spanAttributes(const HtmlToken& token, TableState& state) {
+        auto columns = static_cast<std::size_t>(attributeNumber(token.attribute("colspan"), 1, kMaxColumns).value_or(1));
+        auto rows = static_cast<std::size_t>(attributeNumber(token.attribute("rowspan"), 1, 1000).value_or(1));
+        const std::size_t widest = std::max(state.columns, state.columnsInRow + columns);
+        if (state.columnsInRow + columns > kMaxColumns || widest * (state.rows + 1) > kMaxGridCells) {
+            columns = 1;
+        }
+        if (m_spanned + columns * rows > kMaxSpanned) {
+            columns = rows = 1;
+        }
+        m_spanned += columns * rows;
+        state.columnsInRow += columns;
+        state.columns = std::max(state.columns, state.columnsInRow);
+        return (columns > 1 ? " colspan=\"" + std::to_string(columns) + "\"" : "") +
+               (rows > 1 ? " rowspan=\"" + std::to_string(rows) + "\"" : "");
+    }
+
+    /// A place for content that stands in a table but in no cell of it.
+    bool openImpliedCell() {
+        HtmlToken cell;
+        cell.name = "td";
+        return startCell(cell);
+    }
+
+    // ---- end tags
+
+    void endTag(const std::string& name) {
+        switch (const TagKind kind = tagKind(name)) {
+            case TagKind::Unknown:
+            case TagKind::Document:
+            case TagKind::Dropped:
+            case TagKind::Style:
+            case TagKind::Void:
+                break;
+            case TagKind::Table:
+            case TagKind::Section:
+            case TagKind::Row:
+            case TagKind::Cell:
+            case TagKind::Caption:
+                endTablePart(kind);
+                break;
+            case TagKind::Inline:
+                endInline(name);
+                break;
+            default: {
+                const std::size_t element = findOpen([&](const OpenElement& e) { return e.name == name && !isBoundary(e.kind); });
+                if (element != kNone) {
+                    closeDownTo(element);
+                }
+            }
+        }
+    }
+
+    void endTablePart(TagKind kind) {
+        const std::size_t table = innermostTable();
+        if (table == kNone) {
+            return;
+        }
+        for (std::size_t i = table; i < m_open.size(); ++i) {
+            if (m_open[i].kind == kind) {
+                closeDownTo(i);
+                return;
+            }
+        }
+    }
+
+    void endInline(const std::string& name) {
+        for (std::size_t i = m_pending.size(); i-- > 0;) {
+            if (m_pending[i].name == name) {
+                m_pending.erase(m_pending.begin() + static_cast<std::ptrdiff_t>(i));
+                return;
+            }
+        }
+        const std::size_t element = findOpen([&](const OpenElement& e) { return e.name == name && !isBoundary(e.kind); });
+        if (element == kNone) {
+            return;
+        }
+        closeDownTo(element + 1);
+        const bool repeated = m_open.back().kind == TagKind::Inline;
+        closeTop();
+        if (repeated) {
+            m_pending.erase(m_pending.begin());  // this one has really ended
+        }
+    }
+
+    // ---- text
+
+    void addText(std::string_view text) {
+        const bool blank = std::ranges::all_of(text, isSpace);
+        if (betweenCells() && blank) {
+            return;
+        }
+        while (betweenCells() && !openImpliedCell()) {
+            closeDownTo(innermostTable());  // over a limit: the text stays, behind the table
+        }
+        if (!blank) {
+            resumeInlines();
+            markFilled();
+        }
+        const std::size_t words = countWords(text);
+        addLayouts(static_cast<double>(words));
+        m_words += words;
+        if (m_body.size() + text.size() > kMaxTextBytes || m_words > kMaxWords) {
+            m_shortened = m_full = true;
+            text = text.substr(0, kMaxTextBytes > m_body.size() ? std::min(text.size(), kMaxTextBytes - m_body.size()) : 0);
+            if (m_words > kMaxWords) {
+                text = firstWords(text, words - std::min(words, m_words - kMaxWords));
+            }
+        }
+        for (const char c : text) {
+            if (c == '<') {
+                m_body += "&lt;";
+            } else if (static_cast<unsigned char>(c) >= 0x20 || isSpace(c)) {
+                m_body += c;
+            }
+        }
+    }
+
+    void markFilled() {
+        for (std::size_t i = m_open.size(); i-- > 0 && m_open[i].empty;) {
+            m_open[i].empty = false;
+        }
+    }
+
+    /// What the engine makes elements of: words, and each character that a line may break behind.
+    static std::size_t countWords(std::string_view text) {
+        std::size_t words = 0;
+        char previous = ' ';
+        for (const char c : text) {
+            const bool eastAsian = static_cast<unsigned char>(c) >= 0xE2 && static_cast<unsigned char>(c) < 0xF0;
+            words += eastAsian || isSpace(previous) != isSpace(c) ? 1 : 0;
+            previous = c;
+        }
+        return std::max(words, text.size() / 16);
+    }
+
+    static std::string_view firstWords(std::string_view text, std::size_t words) {
+        std::size_t length = std::min(text.size(), words * 2);
+        while (length > 0 && length < text.size() && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) {
+            --length;
+        }
+        return text.substr(0, length);
+    }
+
+    /// Counts how often the engine will lay out some words; ends nested tables when that is more than can be afforded.
+    void addLayouts(double words) {
+        double factor = 1;
+        for (std::size_t i = 0; i < m_tableDepth; ++i) {
+            factor *= kLayoutsPerTable;
+        }
+        m_layouts += m_tableDepth > kTableDepthWhenCostly ? words * factor : 0;
+        if (m_layouts <= kMaxLayouts || m_tableDepth <= kTableDepthWhenCostly) {
+            return;
+        }
+        std::size_t depth = 0;
+        for (std::size_t i = 0; i < m_open.size(); ++i) {
+            depth += m_open[i].kind == TagKind::Table && m_open[i].emitted == "table" ? 1 : 0;
+            if (depth > kTableDepthWhenCostly) {
+                closeDownTo(i);
+                return;
+            }
+        }
+    }
+
+    // ---- the document
+
+    SafeHtml finish() {
+        std::string& html = m_result.html;
+        html = "<!DOCTYPE html><html><head>";
+        const std::string styles = m_styles.text(m_elements, m_depth);
+        if (!styles.empty()) {
+            html += "<style>" + styles + "</style>";
+        }
+        html += "</head><body" + m_bodyAttributes + ">" + m_body;
+        if (m_shortened) {
+            html += kShortenedNotice;
+        }
+        html += "</body></html>";
+        m_result.mode = m_standards ? SafeHtml::Mode::Standards : SafeHtml::Mode::Quirks;
+        m_result.shortened = m_shortened;
+        return std::move(m_result);
+    }
+
+    HtmlScanner m_scanner;
+    SafeHtml m_result;
+    SafeStyleSheet m_styles;
+    std::string m_body;
+    std::string m_bodyAttributes;
+    std::vector<OpenElement> m_open;
+    std::vector<InlineTag> m_pending;  // open inline elements that are not written yet where we are
+    std::size_t m_depth = 0;
+    std::size_t m_tableDepth = 0;
+    std::size_t m_elements = 0;
+    std::size_t m_words = 0;
+    std::size_t m_styleBytes = 0;
+    std::size_t m_spanned = 0;
+    std::size_t m_listItems = 0;
+    std::size_t m_floats = 0;
+    double m_layouts = 0;
+    bool m_standards = false;
+    bool m_shortened = false;
+    bool m_full = false;
+};
+
+}  // namespace
+
+SafeHtml guardHtml(std::string_view text) {
+    return GuardedWriter(text).write();
+}
+
+}  // namespace ternview

@@ -1,0 +1,111 @@
+#include "html_charset.h"
+#include "html_container.h"
+#include "html_guard.h"
+#include "html_pages.h"
+#include "laid_out_document.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace ternview {
+namespace {
+
+constexpr std::size_t kMaxBytes = std::size_t{512} << 20;
+constexpr std::size_t kMaxPages = 2000;
+constexpr double kSmallestScale = 0.3;
+constexpr const char* kMorePagesNotice = "This message has more pages than can be shown.";
+
+class HtmlDocument final : public LaidOutDocument {
+public:
+    HtmlDocument(DecodedHtml decoded, const std::optional<std::filesystem::path>& directory, const PageSetup& setup)
+        : m_setup(setup), m_pictures(directory, decoded.charset) {
+        const double width = setup.width - 2 * setup.margin;
+        const double height = setup.height - 2 * setup.margin;
+        const SafeHtml html = guardHtml(decoded.text);
+        decoded.text = {};
+        m_recorded = recordHtml(html, static_cast<int>(width), static_cast<int>(height), m_fonts, m_pictures);
+        m_scale = std::clamp(width / std::max(contentWidth(), 1.0), kSmallestScale, 1.0);
+        m_plan = planPages(m_recorded.items, height / m_scale, kMaxPages);
+    }
+
+    int pageCount() const override { return static_cast<int>(m_plan.pages.size()); }
+
+    void drawPage(int index, cairo_t* context) override {
+        const PagePlan::Page& page = m_plan.pages.at(static_cast<std::size_t>(index));
+        cairo_save(context);
+        cairo_rectangle(context, 0, 0, m_setup.width, m_setup.height);
+        cairo_clip(context);
+        if (m_recorded.pageColor) {
+            const Color& color = *m_recorded.pageColor;
+            cairo_set_source_rgba(context, color.red, color.green, color.blue, color.alpha);
+            cairo_paint(context);
+        }
+        cairo_translate(context, m_setup.margin, m_setup.margin);
+        cairo_scale(context, m_scale, m_scale);
+        cairo_translate(context, 0, -page.top);
+        auto own = page.items.begin();
+        auto spanning = m_plan.spanning.begin();
+        while (own != page.items.end() || spanning != m_plan.spanning.end()) {
+            const bool takeOwn = spanning == m_plan.spanning.end() || (own != page.items.end() && *own < *spanning);
+            drawItem(m_recorded.items[takeOwn ? *own++ : *spanning++], page, context);
+        }
+        cairo_restore(context);
+        if (m_plan.shortened && index + 1 == pageCount()) {
+            drawNotice(context);
+        }
+    }
+
+private:
+    /// How far to the right anything goes that can be seen.
+    double contentWidth() const {
+        double right = 0;
+        for (const DisplayItem& item : m_recorded.items) {
+            if (item.visible()) {
+                right = std::max(right, item.box.intersected(item.clip).right());
+            }
+        }
+        return right;
+    }
+
+    /// Backgrounds, borders and tall pictures end at the page break; a line of text may stand a little over it.
+    void drawItem(const DisplayItem& item, const PagePlan::Page& page, cairo_t* context) const {
+        const bool whole = item.solid() && item.box.height <= (m_setup.height - 2 * m_setup.margin) / m_scale;
+        if (whole) {
+            paint(item, context);
+            return;
+        }
+        if (item.box.y >= page.bottom || item.box.bottom() <= page.top) {
+            return;
+        }
+        cairo_save(context);
+        cairo_rectangle(context, -m_setup.margin / m_scale, page.top, m_setup.width / m_scale, page.bottom - page.top);
+        cairo_clip(context);
+        paint(item, context);
+        cairo_restore(context);
+    }
+
+    void drawNotice(cairo_t* context) {
+        const HtmlFont* font = m_fonts.create({.families = "sans-serif", .size = 12, .italic = true});
+        cairo_set_source_rgb(context, 0, 0, 0);
+        font->draw(context, kMorePagesNotice, m_setup.margin, m_setup.height - m_setup.margin / 2);
+    }
+
+    PageSetup m_setup;
+    HtmlFonts m_fonts;
+    HtmlPictures m_pictures;
+    RecordedHtml m_recorded;
+    double m_scale = 1;
+    PagePlan m_plan;
+};
+
+}  // namespace
+
+std::unique_ptr<LaidOutDocument> layOutHtml(std::string_view bytes, const std::optional<std::filesystem::path>& directory,
+                                            const PageSetup& setup) {
+    if (bytes.size() > kMaxBytes) {
+        throw LoadError("The message is too large to be shown.");
+    }
+    return std::make_unique<HtmlDocument>(decodeHtml(bytes), directory, setup);
+}
+
+}  // namespace ternview

@@ -1,0 +1,361 @@
+#include "html_pictures.h"
+
+#include "html_charset.h"
+
+#include <fcntl.h>
+#include <gdk-pixbuf/gdk-pixbuf.h>
+#include <librsvg/rsvg.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+namespace ternview {
+namespace {
+
+constexpr std::size_t kMaxFileBytes = std::size_t{64} << 20;
+constexpr double kMaxPixels = 40e6;                               // of one picture
+constexpr std::size_t kMaxDecodedBytes = std::size_t{400} << 20;  // of all pictures, at four bytes a pixel
+constexpr double kVectorScale = 2;                                // vector pictures are drawn finer than the screen for printing
+
+struct ObjectDeleter {
+    void operator()(gpointer object) const { g_object_unref(object); }
+};
+using Pixbuf = std::unique_ptr<GdkPixbuf, ObjectDeleter>;
+using PixbufLoader = std::unique_ptr<GdkPixbufLoader, ObjectDeleter>;
+using VectorHandle = std::unique_ptr<RsvgHandle, ObjectDeleter>;
+
+int hexDigit(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    const char l = static_cast<char>(c | 0x20);
+    return l >= 'a' && l <= 'f' ? l - 'a' + 10 : -1;
+}
+
+std::string percentDecoded(std::string_view text) {
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const int high = text[i] == '%' && i + 2 < text.size() ? hexDigit(text[i + 1]) : -1;
+        const int low = high >= 0 ? hexDigit(text[i + 2]) : -1;
+        if (low >= 0) {
+            result += static_cast<char>(high * 16 + low);
+            i += 2;
+        } else {
+            result += text[i];
+        }
+    }
+    return result;
+}
+
+std::string base64Decoded(std::string_view text) {
+    std::string result;
+    result.reserve(text.size() / 4 * 3);
+    unsigned bits = 0;
+    int count = 0;
+    for (const char c : text) {
+        unsigned value;
+        if (c >= 'A' && c <= 'Z') {
+            value = static_cast<unsigned>(c - 'A');
+        } else if (c >= 'a' && c <= 'z') {
+            value = static_cast<unsigned>(c - 'a') + 26;
+        } else if (c >= '0' && c <= '9') {
+            value = static_cast<unsigned>(c - '0') + 52;
+        } else if (c == '+' || c == '-') {
+            value = 62;
+        } else if (c == '/' || c == '_') {
+            value = 63;
+        } else {
+            continue;  // line ends, padding, and what transport has left in between
+        }
+        bits = (bits << 6) | value;
+        if (++count == 4) {
+            result += static_cast<char>(bits >> 16);
+            result += static_cast<char>(bits >> 8);
+            result += static_cast<char>(bits);
+            bits = 0;
+            count = 0;
+        }
+    }
+    if (count >= 2) {
+        bits <<= 6 * (4 - count);
+        result += static_cast<char>(bits >> 16);
+        if (count == 3) {
+            result += static_cast<char>(bits >> 8);
+        }
+    }
+    return result;
+}
+
+bool startsWithIgnoringCase(std::string_view text, std::string_view start) {
+    return text.size() >= start.size() && g_ascii_strncasecmp(text.data(), start.data(), start.size()) == 0;
+}
+
+std::optional<std::string> dataFromUri(std::string_view uri) {
+    const std::size_t comma = uri.find(',');
+    if (comma == std::string_view::npos) {
+        return std::nullopt;
+    }
+    const std::string_view type = uri.substr(0, comma);
+    const std::string_view data = uri.substr(comma + 1);
+    const std::size_t base64 = type.rfind(';');
+    if (base64 != std::string_view::npos && startsWithIgnoringCase(type.substr(base64 + 1), "base64")) {
+        return data.find('%') == std::string_view::npos ? base64Decoded(data) : base64Decoded(percentDecoded(data));
+    }
+    return percentDecoded(data);
+}
+
+/// A name that can only mean a file of the directory itself.
+bool isPlainName(const std::string& name) {
+    return !name.empty() && name.size() <= 255 && name != "." && name != ".." &&
+           name.find_first_of(std::string_view("/\\\0", 3)) == std::string::npos;
+}
+
+bool hasForeignScheme(std::string_view address) {
+    for (const char* scheme :
+         {"http:", "https:", "cid:", "mid:", "file:", "ftp:", "ftps:", "about:", "blob:", "javascript:", "data:"}) {
+        if (startsWithIgnoringCase(address, scheme)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Reads a regular file of a directory, never through a link.
+std::optional<std::string> readPlainFile(int directory, const std::string& name) {
+    const int file = openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (file < 0) {
+        return std::nullopt;
+    }
+    std::optional<std::string> content;
+    struct stat status {};
+    if (fstat(file, &status) == 0 && S_ISREG(status.st_mode) && static_cast<std::size_t>(status.st_size) <= kMaxFileBytes) {
+        content.emplace(static_cast<std::size_t>(status.st_size), '\0');
+        std::size_t done = 0;
+        while (done < content->size()) {
+            const ssize_t count = read(file, content->data() + done, content->size() - done);
+            if (count <= 0) {
+                break;
+            }
+            done += static_cast<std::size_t>(count);
+        }
+        content->resize(done);
+    }
+    close(file);
+    return content;
+}
+
+/// The gdk-pixbuf name of a picture's format, by its first bytes; null for none that we show.
+const char* rasterFormat(std::string_view data) {
+    using namespace std::string_view_literals;
+    struct Signature {
+        std::string_view start;
+        const char* format;
+    };
+    static constexpr Signature kSignatures[] = {
+        {"\x89PNG\r\n\x1A\n"sv, "png"},
+        {"\xFF\xD8\xFF"sv, "jpeg"},
+        {"GIF8"sv, "gif"},
+        {"BM"sv, "bmp"},
+        {"II*\0"sv, "tiff"},
+        {"MM\0*"sv, "tiff"},
+        {"\0\0\1\0"sv, "ico"},
+    };
+    for (const Signature& signature : kSignatures) {
+        if (data.starts_with(signature.start)) {
+            return signature.format;
+        }
+    }
+    return data.starts_with("RIFF") && data.substr(8).starts_with("WEBP") ? "webp" : nullptr;
+}
+
+bool looksLikeVector(std::string_view data) {
+    const std::string_view head = data.substr(0, 4096);
+    const std::size_t start = head.find('<');
+    return start != std::string_view::npos && start <= 64 && head.find("<svg") != std::string_view::npos;
+}
+
+struct SizeLimit {
+    double maxPixels;
+    bool exceeded = false;
+};
+
+void checkSize(GdkPixbufLoader* loader, int width, int height, gpointer data) {
+    auto* limit = static_cast<SizeLimit*>(data);
+    if (width <= 0 || height <= 0 || static_cast<double>(width) * height > limit->maxPixels) {
+        limit->exceeded = true;
+        gdk_pixbuf_loader_set_size(loader, 0, 0);  // loaders take this as the order not to decode
+    }
+}
+
+/// @param turned set when the picture's metadata asked for turning it
+Pixbuf decodeRaster(std::string_view data, const char* format, double maxPixels, bool& turned) {
+    constexpr std::size_t kPiece = 16384;
+    const PixbufLoader loader(gdk_pixbuf_loader_new_with_type(format, nullptr));
+    if (!loader) {
+        return nullptr;
+    }
+    SizeLimit limit{maxPixels};
+    g_signal_connect(loader.get(), "size-prepared", G_CALLBACK(checkSize), &limit);
+    bool good = true;
+    for (std::size_t at = 0; at < data.size() && good && !limit.exceeded; at += kPiece) {
+        const std::string_view piece = data.substr(at, kPiece);
+        good =
+            gdk_pixbuf_loader_write(loader.get(), reinterpret_cast<const guchar*>(piece.data()), piece.size(), nullptr) != FALSE;
+    }
+    gdk_pixbuf_loader_close(loader.get(), nullptr);  // a picture that was cut off still shows what there is of it
+    GdkPixbuf* pixbuf = limit.exceeded ? nullptr : gdk_pixbuf_loader_get_pixbuf(loader.get());
+    turned = pixbuf != nullptr && gdk_pixbuf_get_option(pixbuf, "orientation") != nullptr;
+    return Pixbuf(pixbuf == nullptr ? nullptr : gdk_pixbuf_apply_embedded_orientation(pixbuf));
+}
+
+CairoSurface surfaceOf(const GdkPixbuf* pixbuf) {
+    const int width = gdk_pixbuf_get_width(pixbuf);
+    const int height = gdk_pixbuf_get_height(pixbuf);
+    const auto channels = static_cast<std::size_t>(gdk_pixbuf_get_n_channels(pixbuf));
+    const bool alpha = gdk_pixbuf_get_has_alpha(pixbuf) != FALSE;
+    CairoSurface surface(cairo_image_surface_create(alpha ? CAIRO_FORMAT_ARGB32 : CAIRO_FORMAT_RGB24, width, height),
+                         &cairo_surface_destroy);
+    if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) {
+        return surface;
+    }
+    cairo_surface_flush(surface.get());
+    const guint8* pixels = gdk_pixbuf_read_pixels(pixbuf);
+    unsigned char* target = cairo_image_surface_get_data(surface.get());
+    for (int y = 0; y < height; ++y) {
+        const guint8* source = pixels + static_cast<std::size_t>(y) * static_cast<std::size_t>(gdk_pixbuf_get_rowstride(pixbuf));
+        unsigned char* row =
+            target + static_cast<std::size_t>(y) * static_cast<std::size_t>(cairo_image_surface_get_stride(surface.get()));
+        for (int x = 0; x < width; ++x, source += channels) {
+            const std::uint32_t a = alpha ? source[3] : 255;
+            const auto premultiplied = [a](std::uint32_t c) { return (c * a + 127) / 255; };
+            const std::uint32_t value =
+                a << 24 | premultiplied(source[0]) << 16 | premultiplied(source[1]) << 8 | premultiplied(source[2]);
+            std::memcpy(row + static_cast<std::size_t>(x) * 4, &value, 4);
+        }
+    }
+    cairo_surface_mark_dirty(surface.get());
+    return surface;
+}
+
+/// Lets the PDF output take a photograph over as it is.
+void attachJpeg(cairo_surface_t* surface, std::string_view data) {
+    auto copy = std::make_unique<std::string>(data);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(copy->data());
+    const auto release = [](void* text) { const std::unique_ptr<std::string> owner(static_cast<std::string*>(text)); };
+    if (cairo_surface_set_mime_data(surface, CAIRO_MIME_TYPE_JPEG, bytes, copy->size(), release, copy.get()) ==
+        CAIRO_STATUS_SUCCESS) {
+        static_cast<void>(copy.release());
+    }
+}
+
+std::optional<Picture> rasterPicture(std::string_view data, const char* format, double maxPixels) {
+    bool turned = false;
+    const Pixbuf pixbuf = decodeRaster(data, format, maxPixels, turned);
+    if (!pixbuf) {
+        return std::nullopt;
+    }
+    const int width = gdk_pixbuf_get_width(pixbuf.get());
+    const int height = gdk_pixbuf_get_height(pixbuf.get());
+    Picture picture{surfaceOf(pixbuf.get()), static_cast<double>(width), static_cast<double>(height)};
+    if (std::string_view(format) == "jpeg" && !turned) {
+        attachJpeg(picture.surface.get(), data);
+    }
+    return picture;
+}
+
+std::optional<Picture> vectorPicture(std::string_view data, double maxPixels) {
+    // Data without a base address: references to anything outside cannot be resolved.
+    const VectorHandle handle(rsvg_handle_new_from_data(reinterpret_cast<const guint8*>(data.data()), data.size(), nullptr));
+    if (!handle) {
+        return std::nullopt;
+    }
+    double width = 0;
+    double height = 0;
+    if (rsvg_handle_get_intrinsic_size_in_pixels(handle.get(), &width, &height) == FALSE) {
+        gboolean hasBox = FALSE;
+        RsvgRectangle box{};
+        rsvg_handle_get_intrinsic_dimensions(handle.get(), nullptr, nullptr, nullptr, nullptr, &hasBox, &box);
+        width = hasBox != FALSE ? box.width : 300;
+        height = hasBox != FALSE ? box.height : 150;
+    }
+    const double pixels = width * height * kVectorScale * kVectorScale;
+    if (!(width >= 1) || !(height >= 1) || !(pixels <= maxPixels)) {
+        return std::nullopt;
+    }
+    Picture picture{
+        CairoSurface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, static_cast<int>(std::ceil(width * kVectorScale)),
+                                                static_cast<int>(std::ceil(height * kVectorScale))),
+                     &cairo_surface_destroy),
+        width, height};
+    const std::unique_ptr<cairo_t, decltype(&cairo_destroy)> context(cairo_create(picture.surface.get()), &cairo_destroy);
+    const RsvgRectangle viewport{0, 0, width * kVectorScale, height * kVectorScale};
+    if (rsvg_handle_render_document(handle.get(), context.get(), &viewport, nullptr) == FALSE) {
+        return std::nullopt;
+    }
+    return picture;
+}
+
+}  // namespace
+
+HtmlPictures::HtmlPictures(std::optional<std::filesystem::path> directory, std::string charset)
+    : m_directory(std::move(directory)), m_charset(std::move(charset)) {}
+
+std::optional<std::string> HtmlPictures::readFile(const std::string& address) const {
+    if (!m_directory || hasForeignScheme(address)) {
+        return std::nullopt;
+    }
+    const int directory = open(m_directory->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0) {
+        return std::nullopt;
+    }
+    std::vector<std::string> names{address};
+    if (const auto encoded = encodeText(address, m_charset); encoded && *encoded != address) {
+        names.push_back(*encoded);
+    }
+    for (std::size_t i = 0, literal = names.size(); i < literal; ++i) {
+        names.push_back(percentDecoded(names[i]));
+    }
+    std::optional<std::string> content;
+    for (const std::string& name : names) {
+        if (isPlainName(name) && (content = readPlainFile(directory, name))) {
+            break;
+        }
+    }
+    close(directory);
+    return content;
+}
+
+const Picture* HtmlPictures::load(const std::string& address) {
+    const auto known = m_pictures.find(address);
+    if (known != m_pictures.end()) {
+        return known->second ? &*known->second : nullptr;
+    }
+    std::optional<Picture>& picture = m_pictures[address];
+    const std::optional<std::string> data = startsWithIgnoringCase(address, "data:") ? dataFromUri(address) : readFile(address);
+    if (!data) {
+        return nullptr;
+    }
+    const double maxPixels = std::min(kMaxPixels, static_cast<double>(kMaxDecodedBytes - m_decodedBytes) / 4);
+    if (const char* format = rasterFormat(*data)) {
+        picture = rasterPicture(*data, format, maxPixels);
+    } else if (looksLikeVector(*data)) {
+        picture = vectorPicture(*data, maxPixels);
+    }
+    if (picture && cairo_surface_status(picture->surface.get()) != CAIRO_STATUS_SUCCESS) {
+        picture.reset();
+    }
+    if (!picture) {
+        return nullptr;
+    }
+    m_decodedBytes += static_cast<std::size_t>(cairo_image_surface_get_width(picture->surface.get())) *
+                      static_cast<std::size_t>(cairo_image_surface_get_height(picture->surface.get())) * 4;
+    m_decodedBytes = std::min(m_decodedBytes, kMaxDecodedBytes);
+    return &*picture;
+}
+
+}  // namespace ternview

@@ -1,0 +1,54 @@
+// What every loader of the host makes of a document: pages that can be drawn. The page output (PNG, PDF) knows no format.
+#pragma once
+
+#include <cairo.h>
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+
+namespace ternview {
+
+/// Paper and margins in CSS pixels (1/96 inch).
+struct PageSetup {
+    double width = 793.7;    // A4: 210 mm
+    double height = 1122.5;  // A4: 297 mm
+    double margin = 56.7;    // 15 mm on every side
+};
+
+/// A document that a loader cannot show; the text is one plain sentence for the person who asked.
+class LoadError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class LaidOutDocument {
+public:
+    virtual ~LaidOutDocument() = default;
+    /// At least 1.
+    virtual int pageCount() const = 0;
+    /// Draws one page (0-based) with the origin at the paper's upper left corner, in CSS pixels, on paper that is white already.
+    virtual void drawPage(int index, cairo_t* context) = 0;
+};
+
+/**
+ * Lays a text document out.
+ *
+ * @param bytes the document; a byte-order mark decides its encoding, else it is UTF-8, else what its bytes look like
+ * @throws LoadError
+ */
+std::unique_ptr<LaidOutDocument> layOutText(std::string_view bytes, const PageSetup& setup);
+
+/**
+ * Lays an HTML document out.
+ *
+ * @param bytes the document
+ * @param directory the directory of the HTML file, from which its pictures may be read; none when it came from memory
+ * @throws LoadError
+ */
+std::unique_ptr<LaidOutDocument> layOutHtml(std::string_view bytes, const std::optional<std::filesystem::path>& directory,
+                                            const PageSetup& setup);
+
+}  // namespace ternview

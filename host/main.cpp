@@ -1,0 +1,80 @@
+// ternview: the command line of the mail filter's reference host.
+
+#include <csignal>
+#include <iostream>
+
+#include "command_line.h"
+#include "json_output.h"
+#include "messages.h"
+#include "output_files.h"
+#include "worker_process.h"
+
+namespace {
+
+using namespace ternview;
+
+OutputPlan planOutput(const CommandLine& line) {
+    return {line.out, std::filesystem::path(line.job.file).stem().string()};
+}
+
+/// Does the job; every failure but a signal ends up in the result.
+JobResult run(const CommandLine& line, OutputFiles& outputs) {
+    JobResult result;
+    try {
+        result = runInWorker(line.job, outputs, line.timeLimit);
+        if (exitCodeOf(result) == kExitDone) {
+            outputs.commit();
+        }
+    } catch (const JobError& error) {
+        result.failure = error.failure();
+        result.detail = error.what();
+    }
+    return result;
+}
+
+void report(const CommandLine& line, const JobResult& result, const OutputFiles& outputs) {
+    if (line.json) {
+        writeStandardOutput(resultAsJson(result));
+    }
+    if (exitCodeOf(result) != kExitDone) {
+        std::cerr << "ternview: " << failureMessage(result, line.job) << '\n';
+    } else if (!line.json && !line.quiet) {
+        if (line.job.command == Command::kInfo) {
+            writeStandardOutput(describeMessage(result, line.job));
+        }
+        for (const auto& path : outputs.written()) {
+            writeStandardOutput(printableName(path.string()) + "\n");
+        }
+    }
+}
+
+int runCommand(const CommandLine& line) {
+    OutputFiles outputs(planOutput(line));
+    const JobResult result = run(line, outputs);
+    try {
+        report(line, result, outputs);
+    } catch (const JobError& error) {
+        std::cerr << "ternview: " << error.what() << '\n';
+        return kExitCannotShow;
+    }
+    return exitCodeOf(result);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const auto parsed = parseCommandLine(argc, argv);
+    if (const auto* exit = std::get_if<EarlyExit>(&parsed)) {
+        return exit->code;
+    }
+    std::signal(SIGPIPE, SIG_IGN);  // a reader that went away is a failed write
+    try {
+        return runCommand(std::get<CommandLine>(parsed));
+    } catch (const Interrupted& interrupted) {
+        std::signal(interrupted.signal, SIG_DFL);
+        std::raise(interrupted.signal);
+    } catch (const std::exception& error) {
+        std::cerr << "ternview: " << error.what() << '\n';
+    }
+    return kExitCannotShow;
+}

@@ -1,0 +1,210 @@
+#include "messages.h"
+
+#include <ternkit/formats.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "utf.h"
+
+namespace ternview {
+namespace {
+
+using ternkit::Status;
+
+struct StatusText {
+    Status status;
+    std::string_view meaning;
+};
+
+constexpr std::array kStatusTexts{
+    StatusText{ternkit::kOk, "it succeeded"},
+    StatusText{ternkit::kAbsent, "there is nothing there"},
+    StatusText{ternkit::kNoMemory, "there is not enough memory for the message, or its parts do not make a document"},
+    StatusText{ternkit::kSeekFailed, "a part of the file lies where the file has nothing"},
+    StatusText{ternkit::kShortWrite, "a temporary file could not be written in full"},
+    StatusText{ternkit::kShortRead, "the file ends before it should"},
+    StatusText{ternkit::kUnusable, "its content is damaged, or the message has nothing to show"},
+    StatusText{ternkit::kCannotOpen, "the file cannot be opened"},
+    StatusText{ternkit::kBadArgument, "a part that the message needs is not there"},
+    StatusText{ternkit::kMsgCannotOpen, "the file begins like an Outlook item but is none that can be opened"},
+    StatusText{ternkit::kEmptyInput, "a part that must hold text is empty"},
+    StatusText{ternkit::kPathTooLong, "a temporary file's path is too long"},
+    StatusText{ternkit::kNullPointer, "a part of the message is missing"},
+    StatusText{ternkit::kWideConversionFailed, "a text cannot be converted to Unicode"},
+    StatusText{ternkit::kCannotCreate, "a temporary file could not be made"},
+    StatusText{ternkit::kUtf8ConversionFailed, "a text cannot be converted from Unicode"},
+    StatusText{ternkit::kLoaderFailed, "its document could not be laid out"},
+};
+
+struct FailureText {
+    Failure failure;
+    std::string_view sentence;  // behind "FILE: "; "%" stands for the detail
+    std::string_view advice;
+};
+
+constexpr std::string_view kAnotherFile =
+    "Choose a mail file: a store (.pst), an Outlook item (.msg) or an Internet message (.eml).";
+constexpr std::string_view kTryPlainText = "Try --plain-text.";
+
+constexpr std::array kFailureTexts{
+    FailureText{Failure::kNoSuchFile, "there is no such file", "Check the name."},
+    FailureText{Failure::kDirectory, "this is a directory, not a mail file", kAnotherFile},
+    FailureText{Failure::kNoRegularFile, "this is a device or a pipe, not a file", "Copy what it gives into a file first."},
+    FailureText{Failure::kUnreadable, "the file cannot be read: %", "Check its permissions."},
+    FailureText{Failure::kEmptyFile, "the file is empty", kAnotherFile},
+    FailureText{Failure::kTooShort, "the file is too short to be a mail: it has fewer than 12 bytes", kAnotherFile},
+    FailureText{Failure::kNoMail, "this is no mail: it has no header fields such as From or Subject", kAnotherFile},
+    FailureText{Failure::kBareLineFeeds, "the mail's lines end in LF alone, where a mail has CR LF, and no text is found in it",
+                "Convert it, with unix2dos for example."},
+    FailureText{Failure::kNoContentType, "the mail has no Content-Type field, and without it no text is found", ""},
+    FailureText{Failure::kNoText, "the message has no text to show", ""},
+    FailureText{Failure::kEmptyStore, "the store holds no message", ""},
+    FailureText{Failure::kLoader, "the message cannot be shown: %", kTryPlainText},
+    FailureText{Failure::kNoSuchPage, "none of the pages asked for exists: the message has % page(s)", "Choose others with -p."},
+    FailureText{Failure::kOutOfMemory, "the message needs more memory than it may have", kTryPlainText},
+    FailureText{Failure::kTimeLimit, "the message was not done within the time limit", "Allow more with --timeout SECONDS."},
+    FailureText{Failure::kCrash,
+                "the worker process that read the message ended early (%), which a damaged or very large message "
+                "can cause",
+                kTryPlainText},
+    FailureText{Failure::kWorkerProtocol, "the worker process that read the message went wrong and was stopped", kTryPlainText},
+    FailureText{Failure::kOutput, "the output cannot be written: %", "Choose another place with -o."},
+    FailureText{Failure::kNeedsDirectory, "the message is an HTML document, which with --temp-files comes as several files",
+                "Name a directory for them with -o DIRECTORY."},
+    FailureText{Failure::kFilterMissing, "the mail filter libternmail.so cannot be loaded (%)",
+                "Install the Debian package ternmail, or name the library's file in TERNMAIL_LIBRARY."},
+    FailureText{Failure::kFontsMissing, "there are no fonts on this system, so no page can be drawn",
+                "Install the Debian package fonts-dejavu-core."},
+};
+
+std::string fill(std::string_view sentence, std::string_view detail) {
+    std::string text(sentence);
+    if (const std::size_t mark = text.find('%'); mark != std::string::npos) {
+        text.replace(mark, 1, detail);
+    }
+    return text;
+}
+
+std::string statusSuffix(const JobResult& result) {
+    if (result.status >= ternkit::kOk || result.status == 0) {
+        return "";
+    }
+    std::string suffix = " (status " + std::to_string(result.status);
+    if (result.status == ternkit::kLoaderFailed) {
+        suffix += ", loader status " + std::to_string(result.loaderStatus);
+    }
+    return suffix + ")";
+}
+
+bool isTemporaryFileStatus(Status status) {
+    return status == ternkit::kPathTooLong || status == ternkit::kCannotCreate || status == ternkit::kShortWrite;
+}
+
+std::string_view formatName(std::uint32_t format) {
+    switch (format) {
+        case ternkit::kFormatPst:
+            return "Personal Folders store";
+        case ternkit::kFormatMsg:
+            return "Outlook item";
+        case ternkit::kFormatEml:
+            return "Internet message";
+        case ternkit::kFormatHtml:
+            return "HTML";
+        case ternkit::kFormatRtf:
+            return "RTF";
+        case ternkit::kFormatText:
+            return "plain text";
+        default:
+            return "unknown";
+    }
+}
+
+std::string formatLine(std::uint32_t format) {
+    return std::string(formatName(format)) + " (" + std::to_string(format) + ")";
+}
+
+std::string millimetres(double cssPixels) {
+    return std::to_string(std::lround(cssPixels * 25.4 / 96));
+}
+
+}  // namespace
+
+std::string_view statusMeaning(Status status) {
+    const auto found = std::find_if(kStatusTexts.begin(), kStatusTexts.end(),
+                                    [status](const StatusText& text) { return text.status == status; });
+    return found == kStatusTexts.end() ? "it failed in an unexpected way" : found->meaning;
+}
+
+ExitCode exitCodeOf(const JobResult& result) {
+    switch (result.failure) {
+        case Failure::kFilterMissing:
+        case Failure::kFontsMissing:
+            return kExitMissing;
+        case Failure::kNeedsDirectory:
+            return kExitUsage;
+        case Failure::kNone:
+            return result.status >= ternkit::kOk ? kExitDone : kExitCannotShow;
+        default:
+            return kExitCannotShow;
+    }
+}
+
+std::string failureMessage(const JobResult& result, const Job& job) {
+    const auto found = std::find_if(kFailureTexts.begin(), kFailureTexts.end(),
+                                    [&result](const FailureText& text) { return text.failure == result.failure; });
+    std::string sentence;
+    std::string_view advice;
+    if (found != kFailureTexts.end()) {
+        sentence = fill(found->sentence, printableName(result.detail));
+        advice = found->advice;
+    } else {
+        sentence = "the message cannot be shown: " + std::string(statusMeaning(result.status));
+        advice = isTemporaryFileStatus(result.status) ? "Try --no-temp-files." : kTryPlainText;
+    }
+    if (job.plainTextOnly && advice == kTryPlainText) {
+        advice = "";
+    }
+    std::string message = printableName(job.file) + ": " + sentence + statusSuffix(result) + ".";
+    return advice.empty() ? message : message + " " + std::string(advice);
+}
+
+std::string describeMessage(const JobResult& result, const Job& job) {
+    const bool isStore = result.sourceFormat == ternkit::kFormatPst;
+    const auto line = [](std::string_view label, const std::string& value) {
+        std::string text(label);
+        text.resize(11, ' ');
+        return text + value + "\n";
+    };
+    std::string text = line("File:", printableName(job.file));
+    text += line("Source:", formatLine(result.sourceFormat));
+    text +=
+        line("Message:", std::to_string(result.messageIndex + 1) + " of " + std::to_string(isStore ? result.messageCount : 1));
+    text += line("Document:", formatLine(result.documentFormat) + ", " + std::to_string(result.size) + " bytes");
+    for (const TempFile& file : result.tempFiles) {
+        text += line("", printableName(file.name) + ", " + std::to_string(file.size) + " bytes");
+    }
+    text += line("Pages:", std::to_string(result.pages));
+    text += line("Page size:", millimetres(job.paper.width) + " x " + millimetres(job.paper.height) + " mm, " +
+                                   std::to_string(result.width) + " x " + std::to_string(result.height) + " pixels at " +
+                                   std::to_string(result.xResolution) + " dpi");
+    return text;
+}
+
+std::string printableName(std::string_view name) {
+    std::string printable;
+    while (!name.empty()) {
+        const Utf8Step step = readUtf8(name);
+        const bool isControl = step.character < 0x20 || (step.character >= 0x7F && step.character < 0xA0);
+        if (!step.valid || isControl) {
+            printable += '?';
+        } else {
+            printable += name.substr(0, step.size);
+        }
+        name.remove_prefix(step.size);
+    }
+    return printable;
+}
+
+}  // namespace ternview

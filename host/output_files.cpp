@@ -1,0 +1,196 @@
+#include "output_files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+namespace ternview {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kPageMark = "%d";
+constexpr std::size_t kLongestName = 255;
+
+/// @return 0, or the error number
+int writeAll(int descriptor, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) {
+            return errno;
+        }
+        bytes.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+    }
+    return 0;
+}
+
+[[noreturn]] void failOn(const fs::path& path, const std::string& reason) {
+    throw JobError(Failure::kOutput, path.string() + ": " + reason);
+}
+
+bool isNumber(std::string_view text) {
+    return !text.empty() && text.size() < 10 &&
+           std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
+}
+
+mode_t creationMask() {
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return mask;
+}
+
+}  // namespace
+
+PendingFile::PendingFile(const fs::path& target) : target_(target) {
+    std::error_code error;
+    const fs::file_status status = fs::status(target, error);
+    if (fs::is_directory(status)) {
+        failOn(target_, "this is a directory");
+    }
+    if (fs::exists(status) && !fs::is_regular_file(status)) {
+        descriptor_ = ::open(target_.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+    } else {
+        if (fs::exists(status)) {
+            target_ = fs::canonical(target, error);  // a link stays, and what it points to is replaced
+        }
+        const fs::path directory = target_.has_parent_path() ? target_.parent_path() : fs::path(".");
+        temporary_ = (directory / ".ternview-XXXXXX").string();
+        descriptor_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
+    }
+    if (descriptor_ < 0) {
+        const int reason = errno;
+        temporary_.clear();
+        fail(reason);
+    }
+}
+
+PendingFile::~PendingFile() {
+    if (descriptor_ >= 0) {
+        ::close(descriptor_);
+    }
+    if (!temporary_.empty()) {
+        ::unlink(temporary_.c_str());
+    }
+}
+
+void PendingFile::write(std::string_view bytes) {
+    if (const int error = writeAll(descriptor_, bytes); error != 0) {
+        fail(error);
+    }
+}
+
+void PendingFile::close() {
+    if (!temporary_.empty()) {
+        ::fchmod(descriptor_, static_cast<mode_t>(0666) & ~creationMask());
+    }
+    if (::close(std::exchange(descriptor_, -1)) != 0) {
+        fail(errno);
+    }
+}
+
+void PendingFile::commit() {
+    if (temporary_.empty()) {
+        return;
+    }
+    if (::rename(temporary_.c_str(), target_.c_str()) != 0) {
+        fail(errno);
+    }
+    temporary_.clear();
+}
+
+void PendingFile::fail(int error) const {
+    failOn(target_, std::strerror(error));
+}
+
+fs::path OutputFiles::pagePath(std::string_view label) const {
+    const std::size_t slash = label.find('/');
+    const std::string_view page = label.substr(0, slash);
+    const std::string_view count = slash == std::string_view::npos ? std::string_view() : label.substr(slash + 1);
+    if (!isNumber(page) || !isNumber(count)) {
+        throw JobError(Failure::kWorkerProtocol);
+    }
+    if (!plan_.out) {
+        return plan_.defaultStem + "-" + std::string(page) + ".png";
+    }
+    const fs::path& out = *plan_.out;
+    std::string name = out.filename().string();
+    if (const std::size_t mark = name.find(kPageMark); mark != std::string::npos) {
+        name.replace(mark, kPageMark.size(), page);
+    } else if (count != "1") {
+        name = out.stem().string() + "-" + std::string(page) + out.extension().string();
+    }
+    return out.parent_path() / name;
+}
+
+/// The name comes out of a mail, so it must be a name and nothing else.
+fs::path OutputFiles::tempFilePath(std::string_view name) const {
+    const bool isName = !name.empty() && name != "." && name != ".." && name.size() <= kLongestName &&
+                        name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+    if (!isName) {
+        throw JobError(Failure::kWorkerProtocol);
+    }
+    if (!plan_.out) {
+        throw JobError(Failure::kNeedsDirectory);
+    }
+    std::error_code error;
+    fs::create_directory(*plan_.out, error);
+    if (!fs::is_directory(*plan_.out)) {
+        failOn(*plan_.out, error ? error.message() : "this is no directory, and the document's files need one");
+    }
+    return *plan_.out / name;
+}
+
+void OutputFiles::open(const fs::path& path) {
+    if (std::find(written_.begin(), written_.end(), path) != written_.end()) {
+        throw JobError(Failure::kWorkerProtocol);
+    }
+    files_.push_back(std::make_unique<PendingFile>(path));
+    written_.push_back(path);
+}
+
+void OutputFiles::begin(FrameKind kind, std::string_view label) {
+    if (kind == FrameKind::kPage) {
+        open(pagePath(label));
+    } else if (kind == FrameKind::kTempFile) {
+        open(tempFilePath(label));
+    } else if (plan_.out) {
+        open(*plan_.out);
+    } else {
+        toStandardOutput_ = true;
+    }
+}
+
+void OutputFiles::data(std::string_view bytes) {
+    if (toStandardOutput_) {
+        writeStandardOutput(bytes);
+    } else {
+        files_.back()->write(bytes);
+    }
+}
+
+void OutputFiles::end() {
+    if (!toStandardOutput_) {
+        files_.back()->close();
+    }
+}
+
+void OutputFiles::commit() {
+    for (const auto& file : files_) {
+        file->commit();
+    }
+}
+
+void writeStandardOutput(std::string_view bytes) {
+    if (const int error = writeAll(STDOUT_FILENO, bytes); error != 0) {
+        throw JobError(Failure::kOutput, std::string("standard output: ") + std::strerror(error));
+    }
+}
+
+}  // namespace ternview

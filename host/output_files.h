@@ -1,0 +1,72 @@
+// Where a job's outputs go: files, which appear only when the whole job has succeeded, or standard output.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "job.h"
+#include "worker_process.h"
+
+namespace ternview {
+
+/// A file in the making beside its target. It takes the target's name with `commit` and vanishes without. A target that exists
+/// and is no regular file, such as /dev/null, is written to directly.
+class PendingFile {
+public:
+    /// @throws JobError with the reason
+    explicit PendingFile(const std::filesystem::path& target);
+    ~PendingFile();
+    PendingFile(const PendingFile&) = delete;
+    PendingFile& operator=(const PendingFile&) = delete;
+
+    void write(std::string_view bytes);
+    void close();
+    void commit();
+
+private:
+    [[noreturn]] void fail(int error) const;
+
+    std::filesystem::path target_;
+    std::string temporary_;  // empty when the target is written to directly
+    int descriptor_ = -1;
+};
+
+struct OutputPlan {
+    std::optional<std::filesystem::path> out;  // file, or the directory of an HTML document's files; none: standard output
+    std::string defaultStem;                   // of page files when there is no `out`
+};
+
+/// Receives what a worker sends and puts it where the plan says.
+class OutputFiles final : public OutputReceiver {
+public:
+    explicit OutputFiles(OutputPlan plan) : plan_(std::move(plan)) {}
+
+    void begin(FrameKind kind, std::string_view label) override;
+    void data(std::string_view bytes) override;
+    void end() override;
+
+    /// Lets the files appear under their names; without it none of them does.
+    void commit();
+    const std::vector<std::filesystem::path>& written() const { return written_; }
+
+private:
+    /// @param label page number and number of pages, such as "3/7"
+    std::filesystem::path pagePath(std::string_view label) const;
+    std::filesystem::path tempFilePath(std::string_view name) const;
+    void open(const std::filesystem::path& path);
+
+    OutputPlan plan_;
+    std::vector<std::unique_ptr<PendingFile>> files_;
+    std::vector<std::filesystem::path> written_;
+    bool toStandardOutput_ = false;
+};
+
+/// Writes everything, as standard output is unbuffered here.
+/// @throws JobError
+void writeStandardOutput(std::string_view bytes);
+
+}  // namespace ternview

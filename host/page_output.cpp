@@ -1,0 +1,121 @@
+#include "page_output.h"
+
+#include <cairo-pdf.h>
+#include <cairo.h>
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <numeric>
+#include <vector>
+
+#include "loaders.h"
+
+namespace ternview {
+namespace {
+
+constexpr double kPointsPerPixel = 72.0 / 96.0;
+
+struct SurfaceRelease {
+    void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
+};
+struct ContextRelease {
+    void operator()(cairo_t* context) const { cairo_destroy(context); }
+};
+using Surface = std::unique_ptr<cairo_surface_t, SurfaceRelease>;
+using Context = std::unique_ptr<cairo_t, ContextRelease>;
+
+/// 1-based numbers of the pages that are wanted and exist.
+std::vector<int> wantedPages(const LaidOutDocument& document, const Job& job) {
+    std::vector<int> pages(static_cast<std::size_t>(document.pageCount()));
+    std::iota(pages.begin(), pages.end(), 1);
+    std::erase_if(pages, [&job](int page) { return !job.pages.contains(page); });
+    if (pages.empty()) {
+        throw JobError(Failure::kNoSuchPage, std::to_string(document.pageCount()));
+    }
+    return pages;
+}
+
+void check(cairo_status_t status) {
+    if (status == CAIRO_STATUS_NO_MEMORY) {
+        throw std::bad_alloc();
+    }
+    if (status != CAIRO_STATUS_SUCCESS) {
+        throw LoadError(std::string("its pages cannot be drawn: ") + cairo_status_to_string(status));
+    }
+}
+
+/// Where cairo's C callbacks write to; an exception waits here until cairo has returned.
+struct Stream {
+    FrameWriter& out;
+    std::exception_ptr failure = nullptr;
+
+    static cairo_status_t write(void* closure, const unsigned char* bytes, unsigned int size) {
+        auto* stream = static_cast<Stream*>(closure);
+        try {
+            stream->out.data({reinterpret_cast<const char*>(bytes), size});
+            return CAIRO_STATUS_SUCCESS;
+        } catch (...) {
+            stream->failure = std::current_exception();
+            return CAIRO_STATUS_WRITE_ERROR;
+        }
+    }
+
+    void check(cairo_status_t status) const {
+        if (failure) {
+            std::rethrow_exception(failure);
+        }
+        ternview::check(status);
+    }
+};
+
+void drawOnPaper(LaidOutDocument& document, int page, cairo_t* context) {
+    cairo_save(context);
+    cairo_set_source_rgb(context, 1, 1, 1);
+    cairo_paint(context);
+    cairo_restore(context);
+    document.drawPage(page - 1, context);
+}
+
+}  // namespace
+
+void writePngPages(LaidOutDocument& document, const Job& job, FrameWriter& out) {
+    const PageGeometry geometry = pageGeometry(job.paper, job.resolution);
+    const std::vector<int> pages = wantedPages(document, job);
+    for (const int page : pages) {
+        const Surface surface(
+            cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(geometry.width), static_cast<int>(geometry.height)));
+        check(cairo_surface_status(surface.get()));
+        const Context context(cairo_create(surface.get()));
+        cairo_scale(context.get(), geometry.width / job.paper.width, geometry.height / job.paper.height);
+        drawOnPaper(document, page, context.get());
+        check(cairo_status(context.get()));
+        out.begin(FrameKind::kPage, std::to_string(page) + "/" + std::to_string(pages.size()));
+        Stream stream{out};
+        stream.check(cairo_surface_write_to_png_stream(surface.get(), Stream::write, &stream));
+        out.end();
+    }
+}
+
+void writePdf(LaidOutDocument& document, const Job& job, FrameWriter& out) {
+    const std::vector<int> pages = wantedPages(document, job);
+    out.begin(FrameKind::kPdf);
+    Stream stream{out};
+    const Surface surface(cairo_pdf_surface_create_for_stream(Stream::write, &stream, job.paper.width * kPointsPerPixel,
+                                                              job.paper.height * kPointsPerPixel));
+    cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_CREATOR, "ternview");
+    const Context context(cairo_create(surface.get()));
+    cairo_scale(context.get(), kPointsPerPixel, kPointsPerPixel);
+    for (const int page : pages) {
+        cairo_save(context.get());
+        document.drawPage(page - 1, context.get());
+        cairo_restore(context.get());
+        cairo_show_page(context.get());
+        stream.check(cairo_status(context.get()));
+    }
+    cairo_surface_finish(surface.get());
+    stream.check(cairo_surface_status(surface.get()));
+    out.end();
+}
+
+}  // namespace ternview

@@ -1,0 +1,33 @@
+// Unicode encodings, as far as file names and text documents need them.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace ternview {
+
+/// One step through UTF-8 text.
+struct Utf8Step {
+    char32_t character = 0;  // U+FFFD when `valid` is false
+    std::size_t size = 1;    // bytes to go on by
+    bool valid = true;
+};
+
+/// Reads the character at the start of the text, which must not be empty. Of an invalid sequence the longest valid beginning
+/// counts as one step, as the Unicode standard recommends for replacement.
+Utf8Step readUtf8(std::string_view text);
+
+bool isValidUtf8(std::string_view text);
+
+void appendUtf8(std::string& out, char32_t character);
+
+/// Invalid sequences become U+FFFD.
+std::u16string utf16FromUtf8(std::string_view text);
+
+enum class ByteOrder { kLittleEndian, kBigEndian };
+
+/// Unpaired surrogates and an odd last byte become U+FFFD.
+std::string utf8FromUtf16(std::string_view bytes, ByteOrder order);
+
+}  // namespace ternview

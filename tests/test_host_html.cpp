@@ -1,0 +1,528 @@
+// The host's HTML loader: what it shows of a document, what it refuses to load, and how it stands hostile input.
+
+#include <cairo-pdf.h>
+#include <cairo.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "loaders/html_charset.h"
+#include "loaders/html_guard.h"
+#include "loaders/laid_out_document.h"
+
+namespace {
+
+using namespace std::string_literals;
+using ternview::decodeHtml;
+using ternview::guardHtml;
+using ternview::LaidOutDocument;
+using ternview::layOutHtml;
+using ternview::PageSetup;
+using ternview::SafeHtml;
+
+constexpr std::uint32_t kRed = 0xFF0000;
+constexpr std::uint32_t kGreen = 0x00FF00;
+
+class Folder {
+public:
+    Folder() {
+        std::string name = (std::filesystem::temp_directory_path() / "html-XXXXXX").string();
+        m_path = mkdtemp(name.data());
+    }
+    ~Folder() { std::filesystem::remove_all(m_path); }
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    const std::filesystem::path& path() const { return m_path; }
+    void write(const std::string& name, std::string_view content) const {
+        std::ofstream(m_path / name, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
+    }
+
+private:
+    std::filesystem::path m_path;
+};
+
+using Surface = std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)>;
+using Context = std::unique_ptr<cairo_t, decltype(&cairo_destroy)>;
+
+/// Paper with its content on whole pixels.
+constexpr PageSetup kPaper{800, 1100, 50};
+
+/// A PNG of one colour.
+std::string png(int width, int height, std::uint32_t color) {
+    const Surface surface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, width, height), &cairo_surface_destroy);
+    const Context context(cairo_create(surface.get()), &cairo_destroy);
+    cairo_set_source_rgb(context.get(), (color >> 16) / 255.0, (color >> 8 & 0xFF) / 255.0, (color & 0xFF) / 255.0);
+    cairo_paint(context.get());
+    std::string result;
+    const auto append = [](void* target, const unsigned char* data, unsigned int size) {
+        static_cast<std::string*>(target)->append(reinterpret_cast<const char*>(data), size);
+        return CAIRO_STATUS_SUCCESS;
+    };
+    cairo_surface_write_to_png_stream(surface.get(), append, &result);
+    return result;
+}
+
+std::string base64(std::string_view data) {
+    constexpr std::string_view kDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string result;
+    for (std::size_t i = 0; i < data.size(); i += 3) {
+        std::uint32_t bits = 0;
+        for (std::size_t k = 0; k < 3; ++k) {
+            bits = bits << 8 | (i + k < data.size() ? static_cast<unsigned char>(data[i + k]) : 0U);
+        }
+        for (std::size_t k = 0; k < 4; ++k) {
+            result += i + k <= data.size() ? kDigits[bits >> (18 - 6 * k) & 63] : '=';
+        }
+    }
+    return result;
+}
+
+/// One page as pixels at one pixel per CSS pixel.
+class Pixels {
+public:
+    Pixels(LaidOutDocument& document, int page, const PageSetup& setup = kPaper)
+        : m_surface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(setup.width), static_cast<int>(setup.height)),
+                    &cairo_surface_destroy) {
+        const Context context(cairo_create(m_surface.get()), &cairo_destroy);
+        cairo_set_source_rgb(context.get(), 1, 1, 1);
+        cairo_paint(context.get());
+        document.drawPage(page, context.get());
+        cairo_surface_flush(m_surface.get());
+    }
+    int width() const { return cairo_image_surface_get_width(m_surface.get()); }
+    int height() const { return cairo_image_surface_get_height(m_surface.get()); }
+    std::uint32_t at(int x, int y) const {
+        std::uint32_t value;
+        std::memcpy(&value,
+                    cairo_image_surface_get_data(m_surface.get()) + y * cairo_image_surface_get_stride(m_surface.get()) + x * 4,
+                    4);
+        return value & 0xFFFFFF;
+    }
+    int count(std::uint32_t color) const {
+        int result = 0;
+        for (int y = 0; y < height(); ++y) {
+            for (int x = 0; x < width(); ++x) {
+                result += at(x, y) == color ? 1 : 0;
+            }
+        }
+        return result;
+    }
+    /// The rightmost column with anything but white.
+    int rightmost() const {
+        int result = -1;
+        for (int y = 0; y < height(); ++y) {
+            for (int x = result + 1; x < width(); ++x) {
+                result = at(x, y) != 0xFFFFFF ? x : result;
+            }
+        }
+        return result;
+    }
+
+private:
+    Surface m_surface;
+};
+
+int countOf(std::string_view html, std::uint32_t color, const std::optional<std::filesystem::path>& directory = {}) {
+    const auto document = layOutHtml(html, directory, kPaper);
+    return Pixels(*document, 0).count(color);
+}
+
+/// The text of each page, as a reader of the PDF finds it.
+std::vector<std::string> textOfPages(std::string_view html, const PageSetup& setup = kPaper) {
+    const Folder folder;
+    const std::string file = folder.path() / "document.pdf";
+    const auto document = layOutHtml(html, {}, setup);
+    {
+        const Surface surface(cairo_pdf_surface_create(file.c_str(), setup.width, setup.height), &cairo_surface_destroy);
+        const Context context(cairo_create(surface.get()), &cairo_destroy);
+        for (int page = 0; page < document->pageCount(); ++page) {
+            document->drawPage(page, context.get());
+            cairo_show_page(context.get());
+        }
+    }
+    std::string text;
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(("pdftotext -layout '" + file + "' -").c_str(), "r"), &pclose);
+    std::array<char, 4096> room;
+    for (std::size_t count = 0; pipe && (count = fread(room.data(), 1, room.size(), pipe.get())) > 0;) {
+        text.append(room.data(), count);
+    }
+    std::vector<std::string> pages;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find('\f', at), text.size());
+        pages.push_back(text.substr(at, end - at));
+        at = end + 1;
+    }
+    return pages;
+}
+
+std::string textOf(std::string_view html) {
+    std::string result;
+    for (const std::string& page : textOfPages(html)) {
+        result += page;
+    }
+    return result;
+}
+
+std::size_t occurrences(std::string_view text, std::string_view wanted) {
+    std::size_t result = 0;
+    for (std::size_t at = text.find(wanted); at != std::string_view::npos; at = text.find(wanted, at + 1)) {
+        ++result;
+    }
+    return result;
+}
+
+std::string repeated(std::string_view text, std::size_t count) {
+    std::string result;
+    for (std::size_t i = 0; i < count; ++i) {
+        result += text;
+    }
+    return result;
+}
+
+/// How deep elements of a name are nested in well nested markup.
+int deepest(std::string_view html, std::string_view name) {
+    int depth = 0;
+    int result = 0;
+    for (std::size_t at = html.find('<'); at != std::string_view::npos; at = html.find('<', at + 1)) {
+        if (html.substr(at + 1).starts_with(name)) {
+            result = std::max(result, ++depth);
+        } else if (html.substr(at + 1).starts_with("/" + std::string(name))) {
+            --depth;
+        }
+    }
+    return result;
+}
+
+// ---- charsets
+
+TEST(HtmlCharset, ChoosesByMarkThenDeclarationThenContent) {
+    struct Case {
+        const char* name;
+        std::string bytes;
+        std::string contained;
+        std::string charset;
+    };
+    const Case cases[] = {
+        {"mark before declaration", "\xEF\xBB\xBF<meta charset=windows-1251>\xC3\xA4", "\xC3\xA4", "UTF-8"},
+        {"two-byte units", "\xFF\xFE<\0b\0>\0\xE4\0"s, "<b>\xC3\xA4", "UTF-16LE"},
+        {"meta charset", "<meta charset='windows-1251'>\xCF\xF0\xE8", "\xD0\x9F\xD1\x80\xD0\xB8", "CP1251"},
+        {"http-equiv", "<meta http-equiv=Content-Type content=\"text/html; charset=ISO-2022-JP\">\x1B$B$\"\x1B(B", "\xE3\x81\x82",
+         "iso-2022-jp"},
+        {"latin means western", "<meta charset=iso-8859-1>\x80", "\xE2\x82\xAC", "CP1252"},
+        {"unknown name", "<meta charset=x-unheard-of>\xC3\xA4", "\xC3\xA4", "UTF-8"},
+        {"no declaration", "<p>\xC3\xA4", "\xC3\xA4", "UTF-8"},
+        {"invalid bytes",
+         "<meta charset=shift_jis>a\xFF"
+         "b",
+         "a\xEF\xBF\xBD"
+         "b",
+         "CP932"},
+    };
+    for (const Case& c : cases) {
+        const ternview::DecodedHtml decoded = decodeHtml(c.bytes);
+        EXPECT_NE(decoded.text.find(c.contained), std::string::npos) << c.name << ": " << decoded.text;
+        EXPECT_EQ(decoded.charset, c.charset) << c.name;
+    }
+}
+
+TEST(HtmlCharset, DeclaredUtf8ThatIsNoneIsDetected) {
+    const std::string russian =
+        "\xCF\xF0\xE8\xE2\xE5\xF2, \xEA\xE0\xEA \xE4\xE5\xEB\xE0? \xDD\xF2\xEE \xEF\xF0\xEE\xF1\xF2\xEE\xE9 "
+        "\xF2\xE5\xEA\xF1\xF2. ";
+    const std::string text = decodeHtml("<meta charset=utf-8><p>" + repeated(russian, 10)).text;
+    EXPECT_NE(text.find("\xD0\x9F\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82"), std::string::npos) << text;
+}
+
+TEST(HtmlCharset, DropsNulsAndTheSevenBitMarkWhereItCanStand) {
+    const std::string block = "<html><table><tr><td>From:</td></tr></table>\r\n<p class=MsoNormal><o:p>&nbsp;</o:p></p></html>";
+    EXPECT_EQ(decodeHtml("<p>a\0b</p>\0"s).text, "<p>ab</p>");
+    EXPECT_EQ(decodeHtml("+/v<html><body>x").text, "<html><body>x");
+    EXPECT_EQ(decodeHtml(block + "+/v<html>x").text, block + "<html>x");
+    EXPECT_EQ(decodeHtml("<html><p>x</p></html>+/v").text, "<html><p>x</p></html>+/v");
+    EXPECT_EQ(decodeHtml("<p>+/v").text, "<p>+/v");
+}
+
+// ---- guards
+
+TEST(HtmlGuard, KeepsNothingActive) {
+    const std::string html =
+        guardHtml(
+            "<script>alert(1)</script><iframe src=http://a/></iframe><object data=http://b/>kept</object>"
+            "<embed src=http://c/><link rel=stylesheet href=http://d/><base href=http://e/>"
+            "<meta http-equiv=refresh content='0;url=http://f/'><p onclick=evil() style='background:url(http://g/x)'>"
+            "<style>@import 'http://h/'; p{background:url(\"http://i/\")}</style><a href=http://j/>link</a>")
+            .html;
+    for (const char* unwanted :
+         {"script", "alert", "iframe", "object", "embed", "<link", "base", "refresh", "onclick", "http:", "import"}) {
+        EXPECT_EQ(html.find(unwanted), std::string::npos) << unwanted << " in " << html;
+    }
+    EXPECT_NE(html.find("kept"), std::string::npos);
+    EXPECT_NE(html.find(">link</a>"), std::string::npos);
+}
+
+TEST(HtmlGuard, BoundsNestingAndKeepsTheText) {
+    const SafeHtml tables = guardHtml(repeated("<table><tr><td>a<td>", 100) + "inside");
+    EXPECT_LE(deepest(tables.html, "table"), 8);
+    EXPECT_EQ(occurrences(tables.html, "a</td>") + occurrences(tables.html, "a "), 100U);
+    EXPECT_NE(tables.html.find("inside"), std::string::npos);
+
+    EXPECT_LE(deepest(guardHtml(repeated("<div>", 20000) + "inside").html, "div"), 200);
+    EXPECT_LE(deepest(guardHtml(repeated("<b>", 5000) + "inside").html, "b>"), 200);
+    // Much text in the innermost table would be laid out thousands of times.
+    const SafeHtml costly = guardHtml(repeated("<table><tr><td>a<td>", 8) + repeated("word ", 100000));
+    EXPECT_EQ(occurrences(costly.html, "word "), 100000U);
+    const std::size_t last = costly.html.rfind("word");
+    EXPECT_LE(occurrences(costly.html.substr(0, last), "<table") - occurrences(costly.html.substr(0, last), "</table"), 1U);
+}
+
+TEST(HtmlGuard, BoundsElementsAndText) {
+    const SafeHtml elements = guardHtml(repeated("<p>x", 150000) + "the end");
+    EXPECT_LE(occurrences(elements.html, "<p>"), 100001U);
+    EXPECT_NE(elements.html.find("the end"), std::string::npos);
+    EXPECT_TRUE(elements.shortened);
+    EXPECT_NE(elements.html.find("too long"), std::string::npos);
+
+    EXPECT_LT(guardHtml(std::string(std::size_t{50} << 20, 'a')).html.size(), std::size_t{21} << 20);
+    EXPECT_LT(guardHtml(repeated("ab ", 2'000'000)).html.size(), std::size_t{4'000'000});
+    EXPECT_FALSE(guardHtml("<p>short").shortened);
+    // Each paragraph would repeat a thousand open fonts.
+    std::string fonts;
+    for (int i = 0; i < 1000; ++i) {
+        fonts += "<font size=" + std::to_string(i % 7) + " color=c" + std::to_string(i) + ">";
+    }
+    EXPECT_LT(guardHtml(fonts + repeated("<p>x", 1000)).html.size(), std::size_t{5'000'000});
+}
+
+TEST(HtmlGuard, ClampsSpansAndLengths) {
+    const std::string html =
+        guardHtml(
+            "<table><tr><td colspan=0 rowspan=-1>a<td colspan=99999999999>b<td colspan=3 width=4000000000>c</table>"
+            "<p style='width:2000000000px;height:7e9pt;font-size:10.5pt'>")
+            .html;
+    EXPECT_EQ(html.find("colspan=\"0"), std::string::npos);
+    EXPECT_EQ(html.find("rowspan"), std::string::npos);
+    EXPECT_EQ(html.find("99999999999"), std::string::npos);
+    EXPECT_NE(html.find("colspan=\"3\""), std::string::npos) << html;
+    EXPECT_NE(html.find("width:20000px"), std::string::npos) << html;
+    EXPECT_NE(html.find("font-size:14px"), std::string::npos) << html;
+}
+
+TEST(HtmlGuard, RepairsNesting) {
+    EXPECT_NE(guardHtml("<b>one<div>two</div>three</b>four").html.find("<b>one</b><div><b>two</b></div><b>three</b>four"),
+              std::string::npos);
+    EXPECT_NE(guardHtml("<b>x<i>y</b>z</i>").html.find("<b>x<i>y</i></b><i>z</i>"), std::string::npos);
+    EXPECT_NE(guardHtml("<table><td>x</div>y<p>z</table>w").html.find("<table><tr><td>xy<p>z</p></td></tr></table>w"),
+              std::string::npos);
+    EXPECT_NE(guardHtml("<tr><td>stray</td></tr>").html.find("<body>stray</body>"), std::string::npos);
+    EXPECT_NE(guardHtml("<ul><li>a<li>b<ul><li>c</ul></ul>").html.find("<li>a</li><li>b<ul><li>c</li></ul></li></ul>"),
+              std::string::npos);
+}
+
+TEST(HtmlGuard, StandsAnyBytes) {
+    for (const std::string& piece :
+         {"<"s, "<!"s, "<!--"s, "</"s, "<a href=\""s, "<a b='"s, "<a "s, "<style>{"s, "<style>@media x{"s, "<svg><title>"s,
+          "<p style=\"url("s, "&#"s, "<table><"s, "</table></td>"s, "\xFF\xFE\0"s, "<td><caption><tr><tbody>"s,
+          "<style>a:not(:not("s, "<![if x]>"s}) {
+        const std::string input = repeated(piece, 50000);
+        SCOPED_TRACE(piece);
+        EXPECT_GE(layOutHtml(input, {}, {})->pageCount(), 1);
+        EXPECT_GE(layOutHtml("<table><tr>" + input + "<td>x", {}, {})->pageCount(), 1);
+    }
+    // Every prefix of a document with everything in it.
+    const std::string document =
+        "<!DOCTYPE html><meta charset=utf-8><style>p{color:red/*x*/}@media screen{b{margin:0}}</style><table border=1><tr><td "
+        "colspan=2 "
+        "style=\"background:url('data:image/png;base64,AA')\">a<ul><li>b</ul><img src=x "
+        "alt='y'><!--c--></table>&amp;\xE6\x97\xA5";
+    for (std::size_t length = 0; length < document.size(); ++length) {
+        EXPECT_EQ(layOutHtml(document.substr(0, length), {}, {})->pageCount(), 1) << length;
+    }
+}
+
+// ---- pictures
+
+TEST(HtmlPictures, LoadsDataUris) {
+    const std::string data = base64(png(30, 20, kRed));
+    const std::string vector =
+        "%3Csvg%20xmlns='http://www.w3.org/2000/svg'%20width='30'%20height='20'%3E%3Crect%20width='30'%20height='20'%20"
+        "fill='red'/%3E%3C/svg%3E";
+    for (const std::string& html : {
+             "<img src=\"data:image/png;base64," + data + "\">",
+             "<img src=\"data:image;base64," + data + "\">",
+             "<img src='data:image/jpeg;name=x.jpg;base64," + data.substr(0, 20) + "\r\n" + data.substr(20) + "'>",
+             "<img src=\"data:image/svg+xml," + vector + "\">",
+             "<div style='width:30px;height:20px;background:url(data:image/png;base64," + data + ")'></div>",
+             "<style>.x{background-image:url(data:image/png;base64," + data +
+                 ")}</style><div class=x style='width:30px;height:20px'></div>",
+             "<table cellpadding=0><tr><td width=30 height=20 style='padding:0' background='data:image/png;base64," + data +
+                 "'></td></table>",
+         }) {
+        EXPECT_EQ(countOf(html, kRed), 600) << html;
+    }
+}
+
+TEST(HtmlPictures, ReadsOnlyPlainFilesOfItsDirectory) {
+    const Folder parent;
+    const std::filesystem::path directory = parent.path() / "mail";
+    std::filesystem::create_directories(directory / "sub");
+    const std::string picture = png(30, 20, kRed);
+    parent.write("outside.png", picture);
+    parent.write("mail/a b.png", picture);
+    parent.write("mail/100%25.png", picture);
+    parent.write("mail/\xC3\xA4.png", picture);
+    parent.write("mail/sub/c.png", picture);
+    std::filesystem::create_symlink(directory / "a b.png", directory / "link.png");
+
+    EXPECT_EQ(countOf("<img src='a b.png'>", kRed, directory), 600);
+    EXPECT_EQ(countOf("<img src='a%20b.png'>", kRed, directory), 600);
+    EXPECT_EQ(countOf("<img src='100%25.png'>", kRed, directory), 600) << "the literal name comes first";
+    EXPECT_EQ(countOf("<meta charset=windows-1252><img src='\xC3\xA4.png'>", kRed, directory), 600)
+        << "a name in bytes of its own";
+    for (const std::string& source : {
+             "../outside.png"s,
+             "..%2Foutside.png"s,
+             (parent.path() / "outside.png").string(),
+             "sub/c.png"s,
+             "link.png"s,
+             "sub"s,
+             "."s,
+             ""s,
+             "file:a b.png"s,
+             "file://" + (directory / "a b.png").string(),
+             "http://localhost/a.png"s,
+             "//localhost/a b.png"s,
+             "cid:a b.png"s,
+         }) {
+        EXPECT_EQ(countOf("<img src='" + source + "'>", kRed, directory), 0) << source;
+    }
+    EXPECT_EQ(countOf("<img src='a b.png'>", kRed), 0) << "no directory, no files";
+}
+
+TEST(HtmlPictures, MissingOnesLeaveAFrameWithTheirText) {
+    const std::string html = "<img src='http://example.org/x.png' alt='Company &amp; logo' width=200 height=50>";
+    EXPECT_NE(textOf(html).find("Company & logo"), std::string::npos);
+    const auto document = layOutHtml(html, {}, kPaper);
+    EXPECT_NEAR(Pixels(*document, 0).rightmost(), 50 + 200, 2);
+    EXPECT_EQ(countOf("<img src='data:image/png;base64,AAAA' width=1 height=1>", 0xFFFFFF), 800 * 1100)
+        << "no frame around a tracking dot";
+}
+
+TEST(HtmlPictures, RefusesHugeOnesBeforeDecoding) {
+    std::string huge = png(30, 20, kRed);
+    const std::string size = "\x00\x01\x00\x00\x00\x01\x00\x00"s;  // 65536 by 65536, in the header that follows the signature
+    huge.replace(16, 8, size);
+    EXPECT_EQ(countOf("<img src=\"data:image/png;base64," + base64(huge) + "\">", kRed), 0);
+    EXPECT_EQ(countOf("<img src=\"data:image/svg+xml,<svg xmlns='http://www.w3.org/2000/svg' width='90000' height='90000'>"
+                      "<rect width='90000' height='90000' fill='red'/></svg>\">",
+                      kRed),
+              0);
+}
+
+// ---- layout and pages
+
+TEST(HtmlPages, BreakBetweenLines) {
+    std::string html;
+    for (int i = 0; i < 300; ++i) {
+        html += "<div>line" + std::to_string(i) + "end</div>";
+    }
+    const std::vector<std::string> pages = textOfPages(html);
+    ASSERT_GE(pages.size(), 4U);
+    std::string all;
+    for (const std::string& page : pages) {
+        all += page;
+    }
+    for (int i = 0; i < 300; ++i) {
+        EXPECT_EQ(occurrences(all, "line" + std::to_string(i) + "end"), 1U) << i;
+    }
+}
+
+TEST(HtmlPages, KeepPicturesWholeThatFit) {
+    const std::string html = "<div style='height:900px;background:#eeeeff'>x</div><div><img src=\"data:image/png;base64," +
+                             base64(png(100, 400, kGreen)) + "\"></div><p>behind</p>";
+    const auto document = layOutHtml(html, {}, kPaper);
+    ASSERT_EQ(document->pageCount(), 2);
+    EXPECT_EQ(Pixels(*document, 0).count(kGreen), 0);
+    EXPECT_EQ(Pixels(*document, 1).count(kGreen), 100 * 400);
+
+    const auto tall = layOutHtml("<img src=\"data:image/png;base64," + base64(png(10, 2500, kGreen)) + "\">", {}, kPaper);
+    ASSERT_EQ(tall->pageCount(), 3);
+    int rows = 0;
+    for (int page = 0; page < 3; ++page) {
+        rows += Pixels(*tall, page).count(kGreen) / 10;
+    }
+    EXPECT_NEAR(rows, 2500, 6);
+}
+
+TEST(HtmlPages, CellsTallerThanAPageBreakBetweenTheirLines) {
+    std::string left;
+    std::string right;
+    for (int i = 0; i < 150; ++i) {
+        left += "<div>L" + std::to_string(i) + "x</div>";
+        right += "<div style='font-size:22px'>R" + std::to_string(i) + "x</div>";
+    }
+    const std::string all = textOf("<table><tr valign=top><td>" + left + "</td><td>" + right + "</td></tr></table>");
+    for (int i = 0; i < 150; ++i) {
+        EXPECT_EQ(occurrences(all, "L" + std::to_string(i) + "x"), 1U) << i;
+        EXPECT_EQ(occurrences(all, "R" + std::to_string(i) + "x"), 1U) << i;
+    }
+}
+
+TEST(HtmlPages, AreBounded) {
+    const auto document = layOutHtml(repeated("<div style='height:20000px;background:#ffeeee'></div>", 500), {}, {});
+    EXPECT_EQ(document->pageCount(), 2000);
+}
+
+TEST(HtmlLayout, WideTablesAreScaledToThePaper) {
+    const std::string html =
+        "<table cellpadding=0 cellspacing=0><tr><td width=1300 style='background:#ff0000'>left<td width=60>RIGHTMOST</table>";
+    EXPECT_NE(textOf(html).find("RIGHTMOST"), std::string::npos);
+    const auto document = layOutHtml(html, {}, kPaper);
+    EXPECT_LE(Pixels(*document, 0).rightmost(), 800 - 50);
+    EXPECT_GT(Pixels(*document, 0).rightmost(), 800 - 64);
+}
+
+TEST(HtmlLayout, EastAsianTextAndLongWordsBreak) {
+    const PageSetup setup = kPaper;
+    for (const std::string& html :
+         {repeated("\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E", 100), "http://example.org/" + std::string(400, 'a')}) {
+        const auto document = layOutHtml(html, {}, setup);
+        EXPECT_LE(Pixels(*document, 0).rightmost(), static_cast<int>(setup.width - setup.margin) + 2) << html;
+        EXPECT_GT(Pixels(*document, 0).count(0x000000), 0);
+    }
+}
+
+TEST(HtmlLayout, ShowsHeaderBlockAndBodyOfTwoDocuments) {
+    const std::string text = textOf(
+        "<html><table style = 'table-layout: fixed; width: 100%'><tr><td style = 'width:87pt'><b><span>From:</span></b></td><td>"
+        "<span>Anna &lt;anna@example.org&gt;</span></td></tr></table>\r\n<p class=MsoNormal><o:p>&nbsp;</o:p></p></html>"
+        "<html><head><style>.hidden{display:none}</style></head><body><!--[if gte mso 9]><xml>office</xml><![endif]--><p "
+        "class=MsoNormal>"
+        "The body<o:p></o:p></p><div class=hidden>preheader</div></body></html>\0"s);
+    EXPECT_NE(text.find("From:"), std::string::npos);
+    EXPECT_NE(text.find("Anna <anna@example.org>"), std::string::npos);
+    EXPECT_NE(text.find("The body"), std::string::npos);
+    EXPECT_EQ(text.find("office"), std::string::npos);
+    EXPECT_EQ(text.find("preheader"), std::string::npos);
+}
+
+TEST(HtmlLayout, BackgroundsAndBordersHaveTheirColors) {
+    EXPECT_EQ(countOf("<body bgcolor=ff0000>", kRed), 800 * 1100) << "the whole paper";
+    EXPECT_EQ(countOf("<div style='width:100px;height:10px;background:#00ff00'></div>", kGreen), 1000);
+    EXPECT_EQ(countOf("<div style='width:100px;height:10px;border-top:4px solid #00ff00'></div>", kGreen), 400);
+    EXPECT_EQ(
+        countOf("<div style='background:#ff0000;width:50px'><table bgcolor=white width=50><tr><td>&nbsp;</table></div>", kRed), 0)
+        << "white covers what is under it";
+}
+
+}  // namespace

@@ -1,0 +1,172 @@
+#include "bench_support.h"
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+
+#include <ternkit/ternbase.h>
+
+namespace bench {
+
+namespace {
+
+constexpr std::uint32_t kOpenForReading = 256;
+
+class Directory {
+public:
+    Directory() {
+        std::string name = (std::filesystem::temp_directory_path() / "ternmail-bench-XXXXXX").string();
+        if (mkdtemp(name.data()) == nullptr) {
+            throw std::runtime_error("no temporary directory");
+        }
+        m_path = name;
+    }
+    ~Directory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+
+    const std::filesystem::path& path() const { return m_path; }
+
+private:
+    std::filesystem::path m_path;
+};
+
+ternkit::Status answer(ternkit::HostFileInfo* info) {
+    info->totalPages = 1;
+    info->width = 794;
+    info->height = 1123;
+    info->xResolution = 96;
+    info->yResolution = 96;
+    return ternkit::kOk;
+}
+
+ternkit::Status takeFile(const char16_t* /*path*/, ternkit::HostFileInfo* info, std::uint32_t, std::uint32_t,
+                         ternkit::HostLoadOptions*) {
+    return answer(info);
+}
+
+ternkit::Status takeMemory(const void* /*document*/, ternkit::HostFileInfo* info, std::uint32_t, std::uint64_t, std::uint32_t,
+                           ternkit::HostLoadOptions*) {
+    return answer(info);
+}
+
+/// Processor time, so that what else the machine does stays out of the ratios.
+double processorSeconds() {
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+/// A line of /proc/self/status in bytes.
+std::uint64_t statusBytes(const std::string& name) {
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    while (status >> word) {
+        if (word == name) {
+            std::uint64_t kilobytes = 0;
+            status >> kilobytes;
+            return kilobytes * 1024;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+File::File(const std::string& name, const std::string& bytes) : m_size(bytes.size()) {
+    static const Directory directory;
+    m_path = directory.path() / name;
+    std::ofstream(m_path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+double plainReadSeconds(const File& file) {
+    std::array<double, 9> seconds{};
+    for (double& one : seconds) {
+        const double start = processorSeconds();
+        const int descriptor = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
+        const std::unique_ptr<char[]> memory(new char[file.size()]);
+        const ssize_t count = read(descriptor, memory.get(), file.size());
+        benchmark::DoNotOptimize(memory.get());
+        close(descriptor);
+        one = processorSeconds() - start;
+        if (count != static_cast<ssize_t>(file.size())) {
+            throw std::runtime_error("plain read came up short");
+        }
+    }
+    std::nth_element(seconds.begin(), seconds.begin() + seconds.size() / 2, seconds.end());
+    return seconds[seconds.size() / 2];
+}
+
+ternkit::Status callInfo(const File& file, std::int32_t messageNumber) {
+    const std::u16string path(file.path().begin(), file.path().end());
+    ternkit::HostLoadOptions options{};
+    ternkit::HostFileInfo fileInfo{};
+    ternkit::FilterInfoRequest request{};
+    request.fileName = path.c_str();
+    request.fileHandle = TbFileOpen(path.c_str(), 0, kOpenForReading);
+    request.fileInfo = &fileInfo;
+    request.options = &options;
+    request.loadInfoFromFile = takeFile;
+    request.loadInfoFromMemory = takeMemory;
+    request.messageNumber = messageNumber;
+    const ternkit::Status status = fltInfo(&request);
+    TbFileClose(request.fileHandle);
+    return status;
+}
+
+std::uint64_t peakBytesOfInfo(const File& file, std::int32_t messageNumber) {
+    int channel[2];
+    if (pipe(channel) != 0) {
+        throw std::runtime_error("no pipe");
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        malloc_trim(0);
+        std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts anew from here
+        const std::uint64_t before = statusBytes("VmRSS:");
+        callInfo(file, messageNumber);
+        const std::uint64_t grown = statusBytes("VmHWM:") - before;
+        _exit(write(channel[1], &grown, sizeof(grown)) == sizeof(grown) ? 0 : 1);
+    }
+    close(channel[1]);
+    std::uint64_t grown = 0;
+    const bool received = read(channel[0], &grown, sizeof(grown)) == sizeof(grown);
+    close(channel[0]);
+    waitpid(child, nullptr, 0);
+    if (!received) {
+        throw std::runtime_error("the measured process ended early");
+    }
+    return grown;
+}
+
+void runInfo(benchmark::State& state, const File& file, std::int32_t messageNumber) {
+    const double plainRead = plainReadSeconds(file);
+    double seconds = 0;
+    for (auto _ : state) {
+        const double start = processorSeconds();
+        if (callInfo(file, messageNumber) != ternkit::kOk) {
+            state.SkipWithError("the message was refused");
+            return;
+        }
+        seconds += processorSeconds() - start;
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(file.size()) * static_cast<std::int64_t>(state.iterations()));
+    state.counters["x_plain_read"] = seconds / static_cast<double>(state.iterations()) / plainRead;
+    state.counters["x_file_memory"] =
+        static_cast<double>(peakBytesOfInfo(file, messageNumber)) / static_cast<double>(file.size());
+}
+
+}  // namespace bench

@@ -1,0 +1,39 @@
+// What all workloads share: files that live as long as the program, the plain read they are compared with, peak memory, and a
+// host whose loaders only take the bytes.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <string>
+
+#include <ternkit/filter.h>
+
+namespace bench {
+
+/// A file in a directory that goes with the program.
+class File {
+public:
+    File(const std::string& name, const std::string& bytes);
+
+    const std::string& path() const { return m_path; }
+    std::uint64_t size() const { return m_size; }
+
+private:
+    std::string m_path;
+    std::uint64_t m_size;
+};
+
+/// Processor seconds of one plain read of the file into fresh memory: the median of several.
+double plainReadSeconds(const File& file);
+
+/// Calls fltInfo for one message. @return its status
+ternkit::Status callInfo(const File& file, std::int32_t messageNumber);
+
+/// Peak resident memory in bytes that a process adds while it calls fltInfo once; measured in a process of its own.
+std::uint64_t peakBytesOfInfo(const File& file, std::int32_t messageNumber);
+
+/// Runs fltInfo as the workload and reports bytes per second, the ratio to the plain read, and peak memory in units of the file.
+void runInfo(benchmark::State& state, const File& file, std::int32_t messageNumber);
+
+}  // namespace bench

@@ -1,0 +1,66 @@
+// Writes the seed corpora: fuzz_seeds DIRECTORY makes a folder for each target in it.
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "mime_builder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class SeedFolder {
+public:
+    explicit SeedFolder(fs::path path) : m_path(std::move(path)) { fs::create_directories(m_path); }
+
+    void add(const std::string& name, const std::string& bytes) const {
+        std::ofstream(m_path / name, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    }
+
+private:
+    fs::path m_path;
+};
+
+void writeInternetMessages(const SeedFolder& seeds) {
+    using namespace mime;
+    const std::string picture(60, '\x5A');
+    const std::string html =
+        "<html><head></head><body><p>caf\xE9</p><img src=\"cid:a@b\"><v:imagedata src=\"cid:a@b\"></body></html>";
+    seeds.add("plain", Plain("Hello\r\n").addressed().bytes());
+    seeds.add("seven_bit", Plain("Hello\r\n", Encoding::SevenBit).addressed().bytes());
+    seeds.add("html", Html(html, Encoding::QuotedPrintable, "iso-8859-1").addressed().bytes());
+    seeds.add("words",
+              Plain("caf\xE9", Encoding::Base64, "windows-1252")
+                  .addressed()
+                  .field("CC", EncodedWord("utf-8", 'Q', "J\xC3\xB6rg") + " " + EncodedWord("windows-1251", 'B', "\xCF\xF0"))
+                  .field("Importance", "high")
+                  .bytes());
+    seeds.add("japanese", Plain("\x1B$B$\"$$\x1B(B ok \x1B(J\\~\x1B(B", Encoding::SevenBit, "iso-2022-jp")
+                              .addressed()
+                              .field("BCC", EncodedWord("iso-2022-jp", 'B', "\x1B$B8}\x1B(B"))
+                              .bytes());
+    seeds.add(
+        "related",
+        Multipart("related", {Html(html), Picture("a.png", picture, "a@b"), Picture("b.png", picture)}).addressed().bytes());
+    seeds.add("mixed", Multipart("mixed", {Multipart("alternative", {Plain("one"), Html(html)}), Picture("a.png", picture, "a@b"),
+                                           Attached(Plain("inner").addressed()), Plain("two")})
+                           .addressed()
+                           .bytes());
+    seeds.add("passes", Html("<!DOCTYPE html><html><head></head><body><div>&nbsp;value=\"/x\">&#1;&#12;&#31;&#65;</body></html>")
+                            .addressed()
+                            .bytes());
+    seeds.add("bare_line_feeds", "From: a\nSubject: b\n c\nContent-Type: text/plain\n\nHello\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: fuzz_seeds DIRECTORY\n");
+        return 2;
+    }
+    writeInternetMessages(SeedFolder(fs::path(argv[1]) / "internet_message"));
+    return 0;
+}

@@ -86,10 +86,26 @@ std::uint64_t statusBytes(const std::string& name) {
 
 }  // namespace
 
-File::File(const std::string& name, const std::string& bytes) : m_size(bytes.size()) {
+File::File(const std::string& name, const std::string& bytes)
+    : File(name, [&bytes](const std::string& path) {
+          std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+      }) {}
+
+File::File(const std::string& name, const std::function<void(const std::string&)>& write) {
     static const Directory directory;
     m_path = directory.path() / name;
-    std::ofstream(m_path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    write(m_path);
+    m_size = std::filesystem::file_size(m_path);
+}
+
+double measured(benchmark::State& state, const std::function<void()>& action) {
+    double seconds = 0;
+    for (auto _ : state) {
+        const double start = processorSeconds();
+        action();
+        seconds += processorSeconds() - start;
+    }
+    return seconds / static_cast<double>(state.iterations());
 }
 
 double plainReadSeconds(const File& file) {
@@ -111,7 +127,7 @@ double plainReadSeconds(const File& file) {
 }
 
 ternkit::Status callInfo(const File& file, std::int32_t messageNumber) {
-    const std::u16string path(file.path().begin(), file.path().end());
+    const std::u16string path = file.widePath();
     ternkit::HostLoadOptions options{};
     ternkit::HostFileInfo fileInfo{};
     ternkit::FilterInfoRequest request{};
@@ -154,17 +170,13 @@ std::uint64_t peakBytesOfInfo(const File& file, std::int32_t messageNumber) {
 
 void runInfo(benchmark::State& state, const File& file, std::int32_t messageNumber) {
     const double plainRead = plainReadSeconds(file);
-    double seconds = 0;
-    for (auto _ : state) {
-        const double start = processorSeconds();
+    const double seconds = measured(state, [&] {
         if (callInfo(file, messageNumber) != ternkit::kOk) {
             state.SkipWithError("the message was refused");
-            return;
         }
-        seconds += processorSeconds() - start;
-    }
+    });
     state.SetBytesProcessed(static_cast<std::int64_t>(file.size()) * static_cast<std::int64_t>(state.iterations()));
-    state.counters["x_plain_read"] = seconds / static_cast<double>(state.iterations()) / plainRead;
+    state.counters["x_plain_read"] = seconds / plainRead;
     state.counters["x_file_memory"] =
         static_cast<double>(peakBytesOfInfo(file, messageNumber)) / static_cast<double>(file.size());
 }

@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include <ternkit/filter.h>
@@ -15,8 +16,11 @@ namespace bench {
 class File {
 public:
     File(const std::string& name, const std::string& bytes);
+    /// One that `write` writes to the path it is given.
+    File(const std::string& name, const std::function<void(const std::string&)>& write);
 
     const std::string& path() const { return m_path; }
+    std::u16string widePath() const { return {m_path.begin(), m_path.end()}; }
     std::uint64_t size() const { return m_size; }
 
 private:
@@ -26,6 +30,9 @@ private:
 
 /// Processor seconds of one plain read of the file into fresh memory: the median of several.
 double plainReadSeconds(const File& file);
+
+/// Runs the workload and gives the processor seconds of one pass; the action must do all of it.
+double measured(benchmark::State& state, const std::function<void()>& action);
 
 /// Calls fltInfo for one message. @return its status
 ternkit::Status callInfo(const File& file, std::int32_t messageNumber);

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "mime_builder.h"
+#include "store_builder.h"
 
 namespace {
 
@@ -54,6 +55,29 @@ void writeInternetMessages(const SeedFolder& seeds) {
     seeds.add("bare_line_feeds", "From: a\nSubject: b\n c\nContent-Type: text/plain\n\nHello\n");
 }
 
+void writeStores(const SeedFolder& seeds) {
+    using namespace builder;
+    const std::pair<const char*, Layout> layouts[] = {{"ansi", Layout::Ansi}, {"unicode", Layout::Unicode}};
+    for (const auto& [layoutName, layout] : layouts) {
+        for (const Encoding encoding : {Encoding::None, Encoding::Permutative, Encoding::Cyclic}) {
+            LayoutOptions options;
+            options.layout = layout;
+            options.encoding = encoding;
+            options.allocationMaps = AllocationMaps::None;
+            options.pageEntries = encoding == Encoding::None ? 2 : 0;
+            StoreBuilder store(options);
+            Message& mail = store.addFolder("Inbox").addMessage({.subject = "Hello",
+                                                                 .subjectPrefix = "RE: ",
+                                                                 .plainBody = "plain",
+                                                                 .htmlBody = "<html><body><img src=\"cid:a.png\">"});
+            mail.attach({.name = "a.png", .longName = "a.png", .data = Bytes(100, 0x5A)});
+            const Bytes bytes = store.bytes();
+            seeds.add(std::string(layoutName) + std::to_string(static_cast<int>(encoding)),
+                      std::string(bytes.begin(), bytes.end()));
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -62,5 +86,6 @@ int main(int argc, char** argv) {
         return 2;
     }
     writeInternetMessages(SeedFolder(fs::path(argv[1]) / "internet_message"));
+    writeStores(SeedFolder(fs::path(argv[1]) / "store"));
     return 0;
 }

@@ -19,6 +19,7 @@ namespace {
 constexpr char kDataUriLead[] = "data:image;base64,";
 constexpr std::uint64_t kDataUriLeadSize = sizeof(kDataUriLead) - 1;
 constexpr double kDataUriGrowth = 1.4;
+constexpr std::uint64_t kRewriteCost = 64;  // what a replacement costs beside its bytes, in bytes
 constexpr std::string_view kVmlImageData = "<v:imagedata";
 
 bool isPresent(const char* text) {
@@ -125,10 +126,10 @@ Status writeTemporaryFile(PstFilterData& owner, const char* path, const char* da
 // brackets in front of a reference, however many references there are.
 class ReferenceRewriter {
 public:
-    ReferenceRewriter(RewritableText& text, std::string_view needle, std::string_view replacement)
-        : m_text(text), m_needle(needle), m_replacement(replacement) {}
+    ReferenceRewriter(RewritableText& text, std::string_view needle, std::string_view replacement, std::uint64_t& budget)
+        : m_text(text), m_needle(needle), m_replacement(replacement), m_budget(budget) {}
 
-    /// @return 1, or -1 when the text would outgrow what a block can hold
+    /// @return 1, or -1 when the text would outgrow a block, or the budget is used up
     Status run(RewritableText::Position firstMatch, std::uint64_t& replaced) {
         std::optional<RewritableText::Position> match = firstMatch;
         m_seenUpTo = m_text.begin();
@@ -136,9 +137,11 @@ public:
             look(*match);
             RewritableText::Position next = m_text.advance(*match, m_needle.size());
             if (!isVmlImageData(*match)) {
-                if (m_text.size() + m_replacement.size() > TbMemBlockLimit()) {
+                const std::uint64_t cost = m_replacement.size() + kRewriteCost;
+                if (cost > m_budget || m_text.size() + m_replacement.size() > TbMemBlockLimit()) {
                     return ternkit::kNoMemory;
                 }
+                m_budget -= cost;
                 next = replaceValue(next);
                 ++replaced;
             }
@@ -188,6 +191,7 @@ private:
     RewritableText& m_text;
     std::string_view m_needle;
     std::string_view m_replacement;
+    std::uint64_t& m_budget;
     RewritableText::Position m_seenUpTo;
     Place m_quote;
     Place m_angleBeforeQuote;
@@ -223,6 +227,7 @@ Status LocateInlineImage(InlineImageContext& context, const char* location, cons
     context.contentId = contentId;
     if (!context.text) {
         context.text.emplace(std::string_view(context.body.data, BoundedLength(context.body.data, context.body.size)));
+        context.rewriteBudget = TbMemBlockLimit();
     }
     if (isPresent(contentId)) {
         context.cidText.size = 0;
@@ -335,8 +340,9 @@ Status EmbedInlineImage(InlineImageContext& context, const char* data, std::uint
     }
     std::uint64_t replaced = 0;
     context.rewritten = true;
-    status = ReferenceRewriter(*context.text, context.needle, std::string_view(replacement, replacementSize))
-                 .run(context.matchOffset, replaced);
+    status =
+        ReferenceRewriter(*context.text, context.needle, std::string_view(replacement, replacementSize), context.rewriteBudget)
+            .run(context.matchOffset, replaced);
     if (replacedCount != nullptr) {
         *replacedCount = replaced;
     }

@@ -18,6 +18,7 @@ struct InlineImageContext {
     OwnedBytes& body;                           // the HTML text
     std::optional<RewritableText> text;         // the body up to its first NUL, from the first search on
     bool rewritten = false;                     // `text` is no longer what stands in the body
+    std::uint64_t rewriteBudget = 0;            // work that is left for rewriting, see EmbedInlineImage
     RewritableText::Position matchOffset = {};  // first match of the current attachment
     const char* contentId = nullptr;            // the current attachment's id and name, as far as it has them
     const char* location = nullptr;
@@ -39,6 +40,9 @@ ternkit::Status LocateInlineImage(InlineImageContext& context, const char* locat
 
 /**
  * Replaces every reference that LocateInlineImage has found the first of. The whole quoted value around it gives way.
+ *
+ * A replacement may itself name the next attachment, so that each of many attachments rewrites every reference of a long body anew.
+ * All replacements of one message together may therefore take no more bytes than a block may have, or memory counts as short.
  *
  * @param data the attachment's bytes
  * @param replacedCount receives the references replaced; may be null

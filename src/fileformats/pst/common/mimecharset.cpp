@@ -235,6 +235,55 @@ Status appendJisSegments(ByteBuffer& output, const char* segment, const char* en
     }
 }
 
+/// ConvertRangeToUtf8, telling whether a code page has converted the text: then its size counts a closing NUL.
+Status convertRange(OwnedBytes& buffer, std::uint64_t offset, MimeCharset charset, bool& converted) {
+    converted = false;
+    if (offset >= buffer.size) {
+        return ternkit::kOk;
+    }
+    std::uint32_t codePage = 0;
+    switch (charset.id) {
+        case MimeCharsetId::Iso2022Jp:
+            return ConvertIso2022JpToUtf8(buffer, offset);
+        case MimeCharsetId::Latin1:
+            codePage = kCodePageLatin1;
+            break;
+        case MimeCharsetId::Gb2312:
+            codePage = kCodePageGb2312;
+            break;
+        case MimeCharsetId::Windows:
+            codePage = charset.codePage;
+            break;
+        default:
+            return ternkit::kOk;
+    }
+    const std::uint64_t count = buffer.textLength() - offset;
+    // No code page makes more units than it has bytes.
+    const ScopedBlock wide(TbMemAlloc(count + 1, sizeof(char16_t), TB_HERE));
+    if (!wide) {
+        return ternkit::kNoMemory;
+    }
+    const int characters =
+        MultiByteToWideChar(codePage, 0, buffer.data + offset, static_cast<int>(count), wide.wide(), static_cast<int>(count + 1));
+    if (characters <= 0) {
+        return ternkit::kOk;
+    }
+    const std::uint64_t room = kUtf8BytesPerUnit * static_cast<std::uint64_t>(characters);
+    const std::uint64_t oldSize = buffer.size;
+    if (buffer.ensure(offset + room + 1) != ternkit::kOk) {
+        return ternkit::kNoMemory;
+    }
+    const std::uint64_t written = TbUtf8FromWide(wide.wide(), static_cast<std::uint64_t>(characters), buffer.data + offset, room);
+    if (written == 0) {
+        buffer.size = oldSize;
+        return ternkit::kUtf8ConversionFailed;
+    }
+    buffer.size = offset + written;
+    buffer.data[buffer.size++] = '\0';
+    converted = true;
+    return ternkit::kOk;
+}
+
 }  // namespace
 
 MimeCharset ParseCharsetName(const char* start, const char* end) {
@@ -323,49 +372,8 @@ Status DecodeEncodedWords(OwnedBytes& value, std::uint32_t* flag) {
 }
 
 Status ConvertRangeToUtf8(OwnedBytes& buffer, std::uint64_t offset, MimeCharset charset) {
-    if (offset >= buffer.size) {
-        return ternkit::kOk;
-    }
-    std::uint32_t codePage = 0;
-    switch (charset.id) {
-        case MimeCharsetId::Iso2022Jp:
-            return ConvertIso2022JpToUtf8(buffer, offset);
-        case MimeCharsetId::Latin1:
-            codePage = kCodePageLatin1;
-            break;
-        case MimeCharsetId::Gb2312:
-            codePage = kCodePageGb2312;
-            break;
-        case MimeCharsetId::Windows:
-            codePage = charset.codePage;
-            break;
-        default:
-            return ternkit::kOk;
-    }
-    const std::uint64_t count = buffer.textLength() - offset;
-    // No code page makes more units than it has bytes.
-    const ScopedBlock wide(TbMemAlloc(count + 1, sizeof(char16_t), TB_HERE));
-    if (!wide) {
-        return ternkit::kNoMemory;
-    }
-    const int characters =
-        MultiByteToWideChar(codePage, 0, buffer.data + offset, static_cast<int>(count), wide.wide(), static_cast<int>(count + 1));
-    if (characters <= 0) {
-        return ternkit::kOk;
-    }
-    const std::uint64_t room = kUtf8BytesPerUnit * static_cast<std::uint64_t>(characters);
-    const std::uint64_t oldSize = buffer.size;
-    if (buffer.ensure(offset + room + 1) != ternkit::kOk) {
-        return ternkit::kNoMemory;
-    }
-    const std::uint64_t written = TbUtf8FromWide(wide.wide(), static_cast<std::uint64_t>(characters), buffer.data + offset, room);
-    if (written == 0) {
-        buffer.size = oldSize;
-        return ternkit::kUtf8ConversionFailed;
-    }
-    buffer.size = offset + written;
-    buffer.data[buffer.size++] = '\0';
-    return ternkit::kOk;
+    bool converted = false;
+    return convertRange(buffer, offset, charset, converted);
 }
 
 Status ConvertIso2022JpToUtf8(OwnedBytes& buffer, std::uint64_t offset) {
@@ -436,10 +444,8 @@ Status ConvertPartToUtf8(OwnedBytes& bytes, MimeCharset& charset, std::uint32_t 
             return ternkit::kOk;
         }
     }
-    const std::uint64_t oldSize = bytes.size;
-    const Status status = ConvertRangeToUtf8(bytes, offset, charset);
-    if (status == ternkit::kOk && bytes.size != oldSize) {
-        bytes.size = bytes.textLength();
-    }
+    bool converted = false;
+    const Status status = convertRange(bytes, offset, charset, converted);
+    bytes.size -= converted ? 1 : 0;
     return status;
 }

@@ -7,8 +7,6 @@
 #include "common/apiutils.h"
 #include "ternbase/ternbase.h"
 
-TB_SOURCE(u"src/fileformats/pst/common/pst")
-
 using ternkit::Status;
 
 namespace {

@@ -9,8 +9,6 @@
 #include "fileformats/pst/common/mimewalk.h"
 #include "ternbase/ternbase.h"
 
-TB_SOURCE(u"src/fileformats/pst/common/pst")
-
 using ternkit::Status;
 
 namespace {
@@ -212,7 +210,7 @@ Status parseSinglePart(MimeMessage& message) {
     MimePart part;
     part.start = message.fileBytes.data;
     const char* position = part.start;
-    const Status status = ParseMimePart(part, message, position, message.fileEnd);
+    const Status status = ParseMimePart(part, position, message.fileEnd);
     if (status != ternkit::kOk || !part.isText()) {
         return status;
     }
@@ -301,7 +299,7 @@ Status ReadHeaderField(MimeMessage& message, const char* headerEnd, OwnedBytes& 
     return ternkit::kOk;
 }
 
-Status ParseMimePart(MimePart& part, const MimeMessage& /*message*/, const char*& position, const char* partEnd) {
+Status ParseMimePart(MimePart& part, const char*& position, const char* partEnd) {
     // The header fields begin behind the line end of the delimiter's line.
     const char* headers = part.start + std::min<std::ptrdiff_t>(2, partEnd - part.start);
     const char* content = FindHeaderEnd(headers, partEnd);
@@ -309,7 +307,6 @@ Status ParseMimePart(MimePart& part, const MimeMessage& /*message*/, const char*
     part.contentType = MimeContentType::Other;
     part.charset = MimeCharset();
     part.decodedBytes.clear();
-    part.length = 0;
     Status status = readLocation(part, headers, content);
     if (status == ternkit::kOk) {
         status = readContentType(part, headers, content);

@@ -39,8 +39,7 @@ struct MimePart {
     const char* rawBegin = nullptr;  // content before decoding
     const char* rawEnd = nullptr;
     ByteBuffer contentId{kLineGrowBy};  // without angle brackets, NUL-terminated; size 0 when there is none
-    OwnedBytes decodedBytes;            // content after transfer decoding and charset work
-    std::uint64_t length = 0;           // bytes of it
+    OwnedBytes decodedBytes;            // content after transfer decoding, of a picture that the body names
 
     bool isText() const { return contentType == MimeContentType::Html || contentType == MimeContentType::Plain; }
     bool isPicture() const { return contentType >= MimeContentType::Png && contentType <= MimeContentType::Wmf; }
@@ -90,7 +89,7 @@ ternkit::Status ParseMimeMessage(MimeMessage& message, ternkit::FileHandle fileH
  * @param position set to the part's end
  * @return 1; -1 without memory, and for base64 without content
  */
-ternkit::Status ParseMimePart(MimePart& part, const MimeMessage& message, const char*& position, const char* partEnd);
+ternkit::Status ParseMimePart(MimePart& part, const char*& position, const char* partEnd);
 
 /// Position behind the header block of an entity: behind the first CR LF CR LF, else LF LF, else CR LF, else `end`.
 const char* FindHeaderEnd(const char* start, const char* end);

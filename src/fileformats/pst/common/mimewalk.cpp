@@ -35,8 +35,7 @@ Status embedPicture(MimePart& part, MimeMessage& message, InlineImageContext& im
     if (status != ternkit::kOk) {
         return status;
     }
-    part.length = part.decodedBytes.size;
-    return EmbedInlineImage(imageContext, part.decodedBytes.data, part.length, nullptr);
+    return EmbedInlineImage(imageContext, part.decodedBytes.data, part.decodedBytes.size, nullptr);
 }
 
 // Walks one container: the state of its loop.
@@ -111,7 +110,7 @@ private:
 
     Status visitLeaf(const char* partEnd) {
         m_part.start = m_position;
-        const Status status = ParseMimePart(m_part, m_message, m_position, partEnd);
+        const Status status = ParseMimePart(m_part, m_position, partEnd);
         if (status != ternkit::kOk) {
             m_ended = true;
             return status;

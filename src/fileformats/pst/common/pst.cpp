@@ -10,6 +10,7 @@
 #include "fileformats/pst/common/documentpasses.h"
 #include "fileformats/pst/common/mimeheader.h"
 #include "fileformats/pst/common/mimemessage.h"
+#include "fileformats/pst/common/storedocument.h"
 #include "ternbase/ternbase.h"
 
 using ternkit::FileHandle;
@@ -231,9 +232,7 @@ void fillResult(FilterInfoRequest& request, PstFilterData& record, std::int32_t 
     info.documentWidth = wholeUnits(info.width, record.xResolution);
     info.documentHeight = wholeUnits(info.height, record.yResolution);
     const std::int32_t page = request.options != nullptr ? request.options->pageNumber : 1;
-    info.pageNumber = page <= 0                                             ? 1
-                      : static_cast<std::uint32_t>(page) > record.pageCount ? static_cast<std::int32_t>(record.pageCount)
-                                                                            : page;
+    info.pageNumber = static_cast<std::int32_t>(std::min(static_cast<std::uint32_t>(std::max(page, 1)), record.pageCount));
     info.totalPages = record.pageCount;
     if (record.sourceFormat == ternkit::kFormatPst) {
         info.messageCount = record.messageCount;
@@ -273,14 +272,14 @@ Status dispatchInternetMessage(PstFilterData& record, BodyKind& bodyKind, FileHa
 
 }  // namespace
 
-Status DispatchMessage(const char16_t* /*fileName*/, PstFilterData& record, std::uint32_t& source, std::int32_t& /*messageIndex*/,
-                       BodyKind& bodyKind, bool /*plainTextOnly*/, FileHandle fileHandle) {
+Status DispatchMessage(const char16_t* fileName, PstFilterData& record, std::uint32_t& source, std::int32_t& messageIndex,
+                       BodyKind& bodyKind, bool plainTextOnly, FileHandle fileHandle) {
     // No exception leaves the module: the branch in which one arises turns it into a status.
     try {
         switch (static_cast<SourceKind>(source)) {
             case SourceKind::Pst:
                 source = ternkit::kFormatPst;
-                return ternkit::kUnusable;
+                return DispatchStoreMessage(fileName, record, messageIndex, bodyKind, plainTextOnly);
             case SourceKind::Msg:
                 source = ternkit::kFormatMsg;
                 return ternkit::kUnusable;

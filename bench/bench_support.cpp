@@ -70,18 +70,22 @@ double processorSeconds() {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
-/// A line of /proc/self/status in bytes.
-std::uint64_t statusBytes(const std::string& name) {
-    std::ifstream status("/proc/self/status");
+/// A number of a file of /proc/self, by the word in front of it.
+std::uint64_t processFigure(const std::string& path, const std::string& name) {
+    std::ifstream file(path);
     std::string word;
-    while (status >> word) {
+    std::uint64_t figure = 0;
+    while (file >> word) {
         if (word == name) {
-            std::uint64_t kilobytes = 0;
-            status >> kilobytes;
-            return kilobytes * 1024;
+            file >> figure;
+            break;
         }
     }
-    return 0;
+    return figure;
+}
+
+std::uint64_t memoryBytes(const std::string& name) {
+    return processFigure("/proc/self/status", name) * 1024;
 }
 
 }  // namespace
@@ -143,7 +147,7 @@ ternkit::Status callInfo(const File& file, std::int32_t messageNumber) {
     return status;
 }
 
-std::uint64_t peakBytesOfInfo(const File& file, std::int32_t messageNumber) {
+Cost costOfInfo(const File& file, std::int32_t messageNumber) {
     int channel[2];
     if (pipe(channel) != 0) {
         throw std::runtime_error("no pipe");
@@ -152,20 +156,22 @@ std::uint64_t peakBytesOfInfo(const File& file, std::int32_t messageNumber) {
     if (child == 0) {
         malloc_trim(0);
         std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts anew from here
-        const std::uint64_t before = statusBytes("VmRSS:");
+        const std::uint64_t memoryBefore = memoryBytes("VmRSS:");
+        const std::uint64_t readBefore = processFigure("/proc/self/io", "rchar:");
         callInfo(file, messageNumber);
-        const std::uint64_t grown = statusBytes("VmHWM:") - before;
-        _exit(write(channel[1], &grown, sizeof(grown)) == sizeof(grown) ? 0 : 1);
+        const std::uint64_t readAfter = processFigure("/proc/self/io", "rchar:");
+        const Cost cost{memoryBytes("VmHWM:") - memoryBefore, readAfter - readBefore};
+        _exit(write(channel[1], &cost, sizeof(cost)) == sizeof(cost) ? 0 : 1);
     }
     close(channel[1]);
-    std::uint64_t grown = 0;
-    const bool received = read(channel[0], &grown, sizeof(grown)) == sizeof(grown);
+    Cost cost{};
+    const bool received = read(channel[0], &cost, sizeof(cost)) == sizeof(cost);
     close(channel[0]);
     waitpid(child, nullptr, 0);
     if (!received) {
         throw std::runtime_error("the measured process ended early");
     }
-    return grown;
+    return cost;
 }
 
 void runInfo(benchmark::State& state, const File& file, std::int32_t messageNumber) {
@@ -178,7 +184,7 @@ void runInfo(benchmark::State& state, const File& file, std::int32_t messageNumb
     state.SetBytesProcessed(static_cast<std::int64_t>(file.size()) * static_cast<std::int64_t>(state.iterations()));
     state.counters["x_plain_read"] = seconds / plainRead;
     state.counters["x_file_memory"] =
-        static_cast<double>(peakBytesOfInfo(file, messageNumber)) / static_cast<double>(file.size());
+        static_cast<double>(costOfInfo(file, messageNumber).peakBytes) / static_cast<double>(file.size());
 }
 
 }  // namespace bench

@@ -37,8 +37,12 @@ double measured(benchmark::State& state, const std::function<void()>& action);
 /// Calls fltInfo for one message. @return its status
 ternkit::Status callInfo(const File& file, std::int32_t messageNumber);
 
-/// Peak resident memory in bytes that a process adds while it calls fltInfo once; measured in a process of its own.
-std::uint64_t peakBytesOfInfo(const File& file, std::int32_t messageNumber);
+/// What one call of fltInfo takes in a process of its own.
+struct Cost {
+    std::uint64_t peakBytes;  // resident memory beyond what the process had before
+    std::uint64_t bytesRead;  // by system calls
+};
+Cost costOfInfo(const File& file, std::int32_t messageNumber);
 
 /// Runs fltInfo as the workload and reports bytes per second, the ratio to the plain read, and peak memory in units of the file.
 void runInfo(benchmark::State& state, const File& file, std::int32_t messageNumber);

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "mime_builder.h"
+#include "rtf_compressor.h"
 #include "store_builder.h"
 
 namespace {
@@ -55,7 +56,8 @@ void writeInternetMessages(const SeedFolder& seeds) {
     seeds.add("bare_line_feeds", "From: a\nSubject: b\n c\nContent-Type: text/plain\n\nHello\n");
 }
 
-void writeStores(const SeedFolder& seeds) {
+/// Stores alone, and behind the byte that names a message.
+void writeStores(const SeedFolder& seeds, const SeedFolder& messageSeeds) {
     using namespace builder;
     const std::pair<const char*, Layout> layouts[] = {{"ansi", Layout::Ansi}, {"unicode", Layout::Unicode}};
     for (const auto& [layoutName, layout] : layouts) {
@@ -72,10 +74,24 @@ void writeStores(const SeedFolder& seeds) {
                                                                  .htmlBody = "<html><body><img src=\"cid:a.png\">"});
             mail.attach({.name = "a.png", .longName = "a.png", .data = Bytes(100, 0x5A)});
             const Bytes bytes = store.bytes();
-            seeds.add(std::string(layoutName) + std::to_string(static_cast<int>(encoding)),
-                      std::string(bytes.begin(), bytes.end()));
+            const std::string text(bytes.begin(), bytes.end());
+            const std::string name = std::string(layoutName) + std::to_string(static_cast<int>(encoding));
+            seeds.add(name, text);
+            messageSeeds.add(name, "\x01" + text);
+            messageSeeds.add(name + "_plain", "\x81" + text);
         }
     }
+}
+
+void writeRichText(const SeedFolder& blocks, const SeedFolder& texts) {
+    const std::string rtf =
+        "{\\rtf1\\ansi\\ansicpg1251\\fromhtml1 \\deff0{\\fonttbl{\\f0\\fcharset204 Arial;}}{\\*\\htmltag19 "
+        "<html>}{\\*\\htmltag64 <p>}"
+        "\\htmlrtf {\\htmlrtf0 \\'cf\\'f0 \\u1055?\\u55357?\\u56832? text text text\\par {\\*\\htmltag72 </p>}{\\*\\htmltag27 "
+        "</html>}}";
+    blocks.add("compressed", rtf::Compressed(rtf));
+    blocks.add("stored", rtf::Stored(rtf));
+    texts.add("html", rtf);
 }
 
 }  // namespace
@@ -86,6 +102,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     writeInternetMessages(SeedFolder(fs::path(argv[1]) / "internet_message"));
-    writeStores(SeedFolder(fs::path(argv[1]) / "store"));
+    writeStores(SeedFolder(fs::path(argv[1]) / "store"), SeedFolder(fs::path(argv[1]) / "store_message"));
+    writeRichText(SeedFolder(fs::path(argv[1]) / "compressed_rtf"), SeedFolder(fs::path(argv[1]) / "rtf_to_html"));
     return 0;
 }

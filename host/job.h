@@ -74,7 +74,9 @@ enum class Failure {
     kNeedsDirectory,
     kFilterMissing,
     kFontsMissing,
-    kLast = kFontsMissing,
+    kOfficeMissing,
+    kOfficeProgramMissing,
+    kLast = kOfficeProgramMissing,
 };
 
 /// Ends a job; the detail completes the sentence that the failure stands for.

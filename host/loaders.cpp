@@ -20,13 +20,9 @@ using ternkit::Status;
 // What the info functions work for: they get no argument of ours.
 struct InfoCall {
     DocumentTarget* target = nullptr;
-    PageGeometry geometry{};
+    int resolution = 96;
 };
 InfoCall currentInfo;
-
-std::unique_ptr<LaidOutDocument> refuseRtf(const HandedDocument&, const PageSetup&) {
-    throw LoadError("its text is RTF, whose pages need the office suite, and this build has no RTF loader yet");
-}
 
 std::unique_ptr<LaidOutDocument> loadText(const HandedDocument& document, const PageSetup& paper) {
     return layOutText(document.bytes, paper);
@@ -37,6 +33,10 @@ std::unique_ptr<LaidOutDocument> loadHtml(const HandedDocument& document, const 
     return layOutHtml(document.bytes, directory, paper);
 }
 
+std::unique_ptr<LaidOutDocument> loadRtf(const HandedDocument& document, const PageSetup& paper) {
+    return layOutRtf(document.bytes, paper);
+}
+
 struct Loader {
     std::uint32_t format;
     std::unique_ptr<LaidOutDocument> (*layOut)(const HandedDocument&, const PageSetup&);
@@ -44,7 +44,7 @@ struct Loader {
 
 constexpr std::array kLoaders{
     Loader{ternkit::kFormatHtml, loadHtml},
-    Loader{ternkit::kFormatRtf, refuseRtf},
+    Loader{ternkit::kFormatRtf, loadRtf},
     Loader{ternkit::kFormatText, loadText},
 };
 
@@ -105,11 +105,12 @@ Status deliverMemory(DocumentTarget* target, std::uint32_t format, const void* d
 
 Status describe(Status status, HostFileInfo* info) {
     if (status == ternkit::kOk) {
-        info->width = currentInfo.geometry.width;
-        info->height = currentInfo.geometry.height;
+        const PageGeometry page = pageGeometry(currentInfo.target->paper, currentInfo.resolution);
+        info->width = page.width;
+        info->height = page.height;
         info->bitsPerPixel = ternkit::kDocumentBitsPerPixel;
-        info->xResolution = currentInfo.geometry.resolution;
-        info->yResolution = currentInfo.geometry.resolution;
+        info->xResolution = page.resolution;
+        info->yResolution = page.resolution;
         info->totalPages = currentInfo.target->pages;
     }
     return status;
@@ -164,7 +165,7 @@ void DocumentTarget::take(const HandedDocument& document) {
     use(document);
 }
 
-PageGeometry pageGeometry(const PageSetup& paper, int resolution) {
+PageGeometry pageGeometry(const PaperSize& paper, int resolution) {
     const double scale = resolution / 96.0;
     return {static_cast<std::uint32_t>(std::lround(paper.width * scale)),
             static_cast<std::uint32_t>(std::lround(paper.height * scale)), static_cast<std::uint32_t>(resolution)};
@@ -179,8 +180,8 @@ std::unique_ptr<LaidOutDocument> layOut(const HandedDocument& document, const Pa
     throw LoadError("its text has the format " + std::to_string(document.format) + ", for which there is no loader");
 }
 
-AttachedLoaders::AttachedLoaders(ternkit::FilterInfoRequest& request, DocumentTarget& target, const PageGeometry& geometry) {
-    currentInfo = {&target, geometry};
+AttachedLoaders::AttachedLoaders(ternkit::FilterInfoRequest& request, DocumentTarget& target, int resolution) {
+    currentInfo = {&target, resolution};
     request.loadInfoFromFile = loadInfoFromFile;
     request.loadInfoFromMemory = loadInfoFromMemory;
 }

@@ -36,6 +36,7 @@ public:
     std::uint64_t size = 0;
     std::vector<TempFile> tempFiles;
     std::uint32_t pages = 0;
+    PaperSize paper{};  // of the first page
     Failure failure = Failure::kNone;
     std::string detail;
 
@@ -44,14 +45,14 @@ protected:
     virtual void use(const HandedDocument& document) = 0;
 };
 
-/// Geometry that info calls report: a page in pixels at the resolution.
+/// A page in pixels at a resolution in dots per inch.
 struct PageGeometry {
     std::uint32_t width;
     std::uint32_t height;
     std::uint32_t resolution;
 };
 
-PageGeometry pageGeometry(const PageSetup& paper, int resolution);
+PageGeometry pageGeometry(const PaperSize& paper, int resolution);
 
 /// Lays a document out with the loader of its format.
 std::unique_ptr<LaidOutDocument> layOut(const HandedDocument& document, const PageSetup& paper);
@@ -60,7 +61,8 @@ std::unique_ptr<LaidOutDocument> layOut(const HandedDocument& document, const Pa
 /// argument that could carry a target, so there is one at a time.
 class AttachedLoaders {
 public:
-    AttachedLoaders(ternkit::FilterInfoRequest& request, DocumentTarget& target, const PageGeometry& geometry);
+    /// @param resolution dots per inch of the pages that the call describes
+    AttachedLoaders(ternkit::FilterInfoRequest& request, DocumentTarget& target, int resolution);
     /// Pages go through the ordinary loaders, or through the alternative ones when the request's target object says so.
     AttachedLoaders(ternkit::FilterLoadRequest& request, DocumentTarget& target);
     ~AttachedLoaders();

@@ -21,7 +21,8 @@ OutputPlan planOutput(const CommandLine& line) {
 JobResult run(const CommandLine& line, OutputFiles& outputs) {
     JobResult result;
     try {
-        result = runInWorker(line.job, outputs, line.timeLimit);
+        Office office;
+        result = runInWorker(line.job, office, outputs, line.timeLimit);
         if (exitCodeOf(result) == kExitDone) {
             outputs.commit();
         }
@@ -38,13 +39,22 @@ void report(const CommandLine& line, const JobResult& result, const OutputFiles&
     }
     if (exitCodeOf(result) != kExitDone) {
         std::cerr << "ternview: " << failureMessage(result, line.job) << '\n';
-    } else if (!line.json && !line.quiet) {
-        if (line.job.command == Command::kInfo) {
-            writeStandardOutput(describeMessage(result, line.job));
-        }
-        for (const auto& path : outputs.written()) {
-            writeStandardOutput(printableName(path.string()) + "\n");
-        }
+        return;
+    }
+    if (line.quiet) {
+        return;
+    }
+    if (const std::string note = messageNumberNote(result, line.job); !note.empty()) {
+        std::cerr << "ternview: " << note << '\n';
+    }
+    if (line.json) {
+        return;
+    }
+    if (line.job.command == Command::kInfo) {
+        writeStandardOutput(describeMessage(result, line.job));
+    }
+    for (const auto& path : outputs.written()) {
+        writeStandardOutput(printableName(path.string()) + "\n");
     }
 }
 

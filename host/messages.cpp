@@ -13,6 +13,9 @@ namespace {
 
 using ternkit::Status;
 
+/// What the filter gives for a picture whose data URI does not fit the room that is reckoned for it.
+constexpr Status kPictureTooSmall = 0;
+
 struct StatusText {
     Status status;
     std::string_view meaning;
@@ -21,6 +24,7 @@ struct StatusText {
 constexpr std::array kStatusTexts{
     StatusText{ternkit::kOk, "it succeeded"},
     StatusText{ternkit::kAbsent, "there is nothing there"},
+    StatusText{kPictureTooSmall, "a picture in it is too small to travel inside the document"},
     StatusText{ternkit::kNoMemory, "there is not enough memory for the message, or its parts do not make a document"},
     StatusText{ternkit::kSeekFailed, "a part of the file lies where the file has nothing"},
     StatusText{ternkit::kShortWrite, "a temporary file could not be written in full"},
@@ -77,6 +81,11 @@ constexpr std::array kFailureTexts{
                 "Install the Debian package ternmail, or name the library's file in TERNMAIL_LIBRARY."},
     FailureText{Failure::kFontsMissing, "there are no fonts on this system, so no page can be drawn",
                 "Install the Debian package fonts-dejavu-core."},
+    FailureText{
+        Failure::kOfficeMissing, "the message's text is RTF, whose pages need an office suite, and there is none in %",
+        "Install the Debian package libreoffice-writer-nogui, or name the program directory of a suite in TERNVIEW_OFFICE."},
+    FailureText{Failure::kOfficeProgramMissing, "the message's text is RTF, and the program that lays it out is not there: %",
+                "Install the Debian package ternmail."},
 };
 
 std::string fill(std::string_view sentence, std::string_view detail) {
@@ -88,7 +97,8 @@ std::string fill(std::string_view sentence, std::string_view detail) {
 }
 
 std::string statusSuffix(const JobResult& result) {
-    if (result.status >= ternkit::kOk || result.status == 0) {
+    const bool noExportCalled = result.status == 0 && result.failure != Failure::kStatus;
+    if (result.status >= ternkit::kOk || noExportCalled) {
         return "";
     }
     std::string suffix = " (status " + std::to_string(result.status);
@@ -99,7 +109,16 @@ std::string statusSuffix(const JobResult& result) {
 }
 
 bool isTemporaryFileStatus(Status status) {
-    return status == ternkit::kPathTooLong || status == ternkit::kCannotCreate || status == ternkit::kShortWrite;
+    return status == ternkit::kPathTooLong || status == ternkit::kCannotCreate || status == ternkit::kShortWrite ||
+           status == ternkit::kWideConversionFailed;
+}
+
+/// What to do about a status: a picture that cannot go one way can mostly go the other.
+std::string_view adviceFor(Status status) {
+    if (isTemporaryFileStatus(status)) {
+        return "Try --no-temp-files.";
+    }
+    return status == kPictureTooSmall ? "Try --temp-files." : kTryPlainText;
 }
 
 std::string_view formatName(std::uint32_t format) {
@@ -125,8 +144,8 @@ std::string formatLine(std::uint32_t format) {
     return std::string(formatName(format)) + " (" + std::to_string(format) + ")";
 }
 
-std::string millimetres(double cssPixels) {
-    return std::to_string(std::lround(cssPixels * 25.4 / 96));
+std::string millimetres(std::uint32_t pixels, std::uint32_t resolution) {
+    return std::to_string(std::lround(pixels * 25.4 / resolution));
 }
 
 }  // namespace
@@ -141,6 +160,8 @@ ExitCode exitCodeOf(const JobResult& result) {
     switch (result.failure) {
         case Failure::kFilterMissing:
         case Failure::kFontsMissing:
+        case Failure::kOfficeMissing:
+        case Failure::kOfficeProgramMissing:
             return kExitMissing;
         case Failure::kNeedsDirectory:
             return kExitUsage;
@@ -161,13 +182,21 @@ std::string failureMessage(const JobResult& result, const Job& job) {
         advice = found->advice;
     } else {
         sentence = "the message cannot be shown: " + std::string(statusMeaning(result.status));
-        advice = isTemporaryFileStatus(result.status) ? "Try --no-temp-files." : kTryPlainText;
+        advice = adviceFor(result.status);
     }
     if (job.plainTextOnly && advice == kTryPlainText) {
         advice = "";
     }
     std::string message = printableName(job.file) + ": " + sentence + statusSuffix(result) + ".";
     return advice.empty() ? message : message + " " + std::string(advice);
+}
+
+std::string messageNumberNote(const JobResult& result, const Job& job) {
+    if (result.sourceFormat != ternkit::kFormatPst || result.messageIndex + 1 == job.messageNumber) {
+        return "";
+    }
+    return printableName(job.file) + ": there is no message " + std::to_string(job.messageNumber) + "; this is message " +
+           std::to_string(result.messageIndex + 1) + " of " + std::to_string(result.messageCount) + ".";
 }
 
 std::string describeMessage(const JobResult& result, const Job& job) {
@@ -179,16 +208,17 @@ std::string describeMessage(const JobResult& result, const Job& job) {
     };
     std::string text = line("File:", printableName(job.file));
     text += line("Source:", formatLine(result.sourceFormat));
-    text +=
-        line("Message:", std::to_string(result.messageIndex + 1) + " of " + std::to_string(isStore ? result.messageCount : 1));
+    const std::uint32_t count = isStore ? result.messageCount : 1;
+    text += line("Message:", std::to_string(isStore ? result.messageIndex + 1 : 1) + " of " + std::to_string(count));
     text += line("Document:", formatLine(result.documentFormat) + ", " + std::to_string(result.size) + " bytes");
     for (const TempFile& file : result.tempFiles) {
         text += line("", printableName(file.name) + ", " + std::to_string(file.size) + " bytes");
     }
     text += line("Pages:", std::to_string(result.pages));
-    text += line("Page size:", millimetres(job.paper.width) + " x " + millimetres(job.paper.height) + " mm, " +
-                                   std::to_string(result.width) + " x " + std::to_string(result.height) + " pixels at " +
-                                   std::to_string(result.xResolution) + " dpi");
+    text +=
+        line("Page size:", millimetres(result.width, result.xResolution) + " x " +
+                               millimetres(result.height, result.yResolution) + " mm, " + std::to_string(result.width) + " x " +
+                               std::to_string(result.height) + " pixels at " + std::to_string(result.xResolution) + " dpi");
     return text;
 }
 

@@ -23,6 +23,9 @@ ExitCode exitCodeOf(const JobResult& result);
 /// One sentence on what is wrong, with the status where there is one, and one on what to do where there is anything to do.
 std::string failureMessage(const JobResult& result, const Job& job);
 
+/// A sentence when another message than the one asked for was shown; else empty.
+std::string messageNumberNote(const JobResult& result, const Job& job);
+
 /// What `info` prints.
 std::string describeMessage(const JobResult& result, const Job& job);
 

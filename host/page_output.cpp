@@ -80,14 +80,15 @@ void drawOnPaper(LaidOutDocument& document, int page, cairo_t* context) {
 }  // namespace
 
 void writePngPages(LaidOutDocument& document, const Job& job, FrameWriter& out) {
-    const PageGeometry geometry = pageGeometry(job.paper, job.resolution);
     const std::vector<int> pages = wantedPages(document, job);
     for (const int page : pages) {
+        const PaperSize paper = document.paperSize(page - 1);
+        const PageGeometry geometry = pageGeometry(paper, job.resolution);
         const Surface surface(
             cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(geometry.width), static_cast<int>(geometry.height)));
         check(cairo_surface_status(surface.get()));
         const Context context(cairo_create(surface.get()));
-        cairo_scale(context.get(), geometry.width / job.paper.width, geometry.height / job.paper.height);
+        cairo_scale(context.get(), geometry.width / paper.width, geometry.height / paper.height);
         drawOnPaper(document, page, context.get());
         check(cairo_status(context.get()));
         out.begin(FrameKind::kPage, std::to_string(page) + "/" + std::to_string(pages.size()));
@@ -101,12 +102,15 @@ void writePdf(LaidOutDocument& document, const Job& job, FrameWriter& out) {
     const std::vector<int> pages = wantedPages(document, job);
     out.begin(FrameKind::kPdf);
     Stream stream{out};
-    const Surface surface(cairo_pdf_surface_create_for_stream(Stream::write, &stream, job.paper.width * kPointsPerPixel,
-                                                              job.paper.height * kPointsPerPixel));
+    const PaperSize first = document.paperSize(pages.front() - 1);
+    const Surface surface(cairo_pdf_surface_create_for_stream(Stream::write, &stream, first.width * kPointsPerPixel,
+                                                              first.height * kPointsPerPixel));
     cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_CREATOR, "ternview");
     const Context context(cairo_create(surface.get()));
     cairo_scale(context.get(), kPointsPerPixel, kPointsPerPixel);
     for (const int page : pages) {
+        const PaperSize paper = document.paperSize(page - 1);
+        cairo_pdf_surface_set_size(surface.get(), paper.width * kPointsPerPixel, paper.height * kPointsPerPixel);
         cairo_save(context.get());
         document.drawPage(page - 1, context.get());
         cairo_restore(context.get());

@@ -19,15 +19,9 @@
 #include "filter_module.h"
 #include "json_output.h"
 #include "loaders.h"
+#include "office/office.h"
 #include "page_output.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define TERNVIEW_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define TERNVIEW_SANITIZED 1
-#endif
-#endif
+#include "sanitized.h"
 
 namespace ternview {
 namespace {
@@ -47,11 +41,13 @@ class SizeOnly final : public DocumentTarget {
 /// Lays the document out to count its pages.
 class PageCount final : public DocumentTarget {
 public:
-    explicit PageCount(const PageSetup& paper) : paper_(paper) {}
+    explicit PageCount(const PageSetup& setup) : paper_(setup) {}
 
 private:
     void use(const HandedDocument& document) override {
-        pages = static_cast<std::uint32_t>(layOut(document, paper_)->pageCount());
+        const auto laidOut = layOut(document, paper_);
+        pages = static_cast<std::uint32_t>(laidOut->pageCount());
+        paper = laidOut->paperSize(0);
     }
 
     PageSetup paper_;
@@ -119,7 +115,7 @@ void takeOver(JobResult& result, const DocumentTarget& target) {
 /// Calls fltInfo and takes over what it says of the source and of the pages.
 void callInfo(const FilterModule& module, const MailFile& file, const Job& job, DocumentTarget& target, JobResult& result) {
     InfoCallRecords call(file, job);
-    const AttachedLoaders loaders(call.request, target, pageGeometry(job.paper, job.resolution));
+    const AttachedLoaders loaders(call.request, target, job.resolution);
     result.messageIndex = job.messageNumber - 1;
     result.status = module.info(call.request);
     result.loaderStatus = call.request.loaderStatus;
@@ -215,7 +211,8 @@ void callFilter(const Job& job, FrameWriter& out, JobResult& result) {
         callInfo(module, file, job, target, result);
         takeOver(result, target);
     } else {
-        if (job.describe) {
+        // Which message a number stands for, fltInfo alone tells: a store's last one answers for all behind it.
+        if (job.describe || job.messageNumber > 1) {
             SizeOnly target;
             callInfo(module, file, job, target, result);
         }
@@ -285,6 +282,7 @@ void workerMain(const Job& job, const WorkerEnvironment& environment) {
     setLimits(environment.timeLimit);
     silenceErrorOutput();
     ::setenv("XDG_RUNTIME_DIR", environment.privateDirectory.c_str(), 1);
+    useOffice({environment.officeGate, environment.timeLimit});
     try {
         FrameWriter out(environment.descriptor);
         runJob(job, out);

@@ -15,6 +15,7 @@ struct WorkerEnvironment {
     int descriptor;                // where the frames go
     std::string privateDirectory;  // for temporary files; the program makes and removes it
     std::chrono::seconds timeLimit;
+    int officeGate;
     pid_t parent;
 };
 

@@ -12,11 +12,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <utility>
 
+#include "descriptor.h"
 #include "json_output.h"
+#include "private_directory.h"
 #include "worker.h"
 
 namespace ternview {
@@ -27,58 +28,6 @@ using Clock = std::chrono::steady_clock;
 // No more than this comes from one worker, whatever it says.
 constexpr std::uint64_t kMostOutputs = 100'000;
 constexpr std::uint64_t kMostOutputBytes = std::uint64_t{16} << 30;
-
-class Descriptor {
-public:
-    Descriptor() = default;
-    explicit Descriptor(int value) : value_(value) {}
-    ~Descriptor() { close(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const { return value_; }
-    void close() {
-        if (value_ >= 0) {
-            ::close(std::exchange(value_, -1));
-        }
-    }
-
-private:
-    int value_ = -1;
-};
-
-/// A directory of this job alone; it goes with everything that a worker left in it.
-class PrivateDirectory {
-public:
-    PrivateDirectory() {
-        for (const char* variable : {"XDG_RUNTIME_DIR", "TMPDIR"}) {
-            const char* parent = std::getenv(variable);
-            if (parent != nullptr && *parent == '/' && make(parent)) {
-                return;
-            }
-        }
-        if (!make("/tmp")) {
-            throw JobError(Failure::kOutput,
-                           std::string("no directory for temporary files can be made in /tmp: ") + std::strerror(errno));
-        }
-    }
-    ~PrivateDirectory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    PrivateDirectory(const PrivateDirectory&) = delete;
-    PrivateDirectory& operator=(const PrivateDirectory&) = delete;
-
-    const std::string& path() const { return path_; }
-
-private:
-    bool make(const std::string& parent) {
-        path_ = parent + "/tv-XXXXXX";
-        return ::mkdtemp(path_.data()) != nullptr;
-    }
-
-    std::string path_;
-};
 
 /// Holds back the signals that end a program, so that they can be answered in order.
 class HeldSignals {
@@ -190,7 +139,7 @@ std::optional<Frame> nextFrame(FrameParser& parser) {
 }
 
 /// Reads frames until the result, the end of the worker, or the end of its time.
-std::optional<JobResult> receive(int descriptor, const HeldSignals& signals, OutputReceiver& receiver,
+std::optional<JobResult> receive(int descriptor, const HeldSignals& signals, Office& office, OutputReceiver& receiver,
                                  std::chrono::seconds timeLimit) {
     const Descriptor signalDescriptor(::signalfd(-1, &signals.set(), SFD_CLOEXEC | SFD_NONBLOCK));
     FrameParser parser;
@@ -198,7 +147,8 @@ std::optional<JobResult> receive(int descriptor, const HeldSignals& signals, Out
     std::array<char, 65536> chunk;
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(timeLimit);
     while (true) {
-        std::array<pollfd, 2> watched{pollfd{descriptor, POLLIN, 0}, pollfd{signalDescriptor.get(), POLLIN, 0}};
+        std::array<pollfd, 3> watched{pollfd{descriptor, POLLIN, 0}, pollfd{signalDescriptor.get(), POLLIN, 0},
+                                      pollfd{office.watched(), POLLIN, 0}};
         const auto before = Clock::now();
         const int ready = ::poll(watched.data(), watched.size(), static_cast<int>(left.count()));
         left -= std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - before);
@@ -209,6 +159,9 @@ std::optional<JobResult> receive(int descriptor, const HeldSignals& signals, Out
             JobResult result;
             result.failure = Failure::kTimeLimit;
             return result;
+        }
+        if (watched[2].revents != 0) {
+            office.attend();
         }
         if ((watched[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) {
             continue;
@@ -229,7 +182,8 @@ std::optional<JobResult> receive(int descriptor, const HeldSignals& signals, Out
     }
 }
 
-JobResult runWatched(const Job& job, OutputReceiver& receiver, std::chrono::seconds timeLimit, const HeldSignals& signals) {
+JobResult runWatched(const Job& job, Office& office, OutputReceiver& receiver, std::chrono::seconds timeLimit,
+                     const HeldSignals& signals) {
     const PrivateDirectory directory;
     std::array<int, 2> ends;
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
@@ -245,11 +199,11 @@ JobResult runWatched(const Job& job, OutputReceiver& receiver, std::chrono::seco
     if (pid == 0) {
         ::close(ours.get());
         // The signals stay held back here: a Ctrl-C reaches both processes, and this one ends when the program says so.
-        workerMain(job, {theirs.get(), directory.path(), timeLimit, parent});
+        workerMain(job, {theirs.get(), directory.path(), timeLimit, office.gate(), parent});
     }
     theirs.close();
     Child child(pid);
-    if (std::optional<JobResult> result = receive(ours.get(), signals, receiver, timeLimit)) {
+    if (std::optional<JobResult> result = receive(ours.get(), signals, office, receiver, timeLimit)) {
         return *result;
     }
     return resultOfDeath(child.wait());
@@ -257,9 +211,13 @@ JobResult runWatched(const Job& job, OutputReceiver& receiver, std::chrono::seco
 
 }  // namespace
 
-JobResult runInWorker(const Job& job, OutputReceiver& receiver, std::chrono::seconds timeLimit) {
+JobResult runInWorker(const Job& job, Office& office, OutputReceiver& receiver, std::chrono::seconds timeLimit) {
     const HeldSignals signals;
-    return runWatched(job, receiver, timeLimit, signals);
+    JobResult result = runWatched(job, office, receiver, timeLimit, signals);
+    if (result.failure == Failure::kTimeLimit || result.failure == Failure::kCrash) {
+        office.stop();  // it may still be at the document, and the next one would wait for it
+    }
+    return result;
 }
 
 }  // namespace ternview

@@ -6,6 +6,7 @@
 
 #include "frames.h"
 #include "job.h"
+#include "office/office.h"
 
 namespace ternview {
 
@@ -28,10 +29,11 @@ struct Interrupted {
  * Does a job in a worker process of its own. Whatever becomes of the worker, this returns, and nothing of it stays behind:
  * no process and no temporary file.
  *
+ * @param office lays RTF out; it outlives the job, for the next one
  * @param timeLimit how long the worker may take; time in which the program itself is held up writing does not count
  * @return the worker's result; a worker that crashed, hung or talked nonsense gives a result with that failure
  * @throws JobError, whatever the receiver throws, and Interrupted on SIGINT, SIGTERM or SIGHUP
  */
-JobResult runInWorker(const Job& job, OutputReceiver& receiver, std::chrono::seconds timeLimit);
+JobResult runInWorker(const Job& job, Office& office, OutputReceiver& receiver, std::chrono::seconds timeLimit);
 
 }  // namespace ternview

@@ -23,11 +23,12 @@ Box boxOf(const litehtml::position& position) {
 }
 
 Color colorOf(const litehtml::web_color& color) {
-    return {color.red / 255.0, color.green / 255.0, color.blue / 255.0, color.alpha / 255.0};
+    const auto part = [](litehtml::byte value) { return static_cast<float>(value) / 255; };
+    return {part(color.red), part(color.green), part(color.blue), part(color.alpha)};
 }
 
 CornerRadii radiiOf(const litehtml::border_radiuses& r) {
-    const auto corner = [](int x, int y) { return std::array<double, 2>{static_cast<double>(x), static_cast<double>(y)}; };
+    const auto corner = [](int x, int y) { return std::array<float, 2>{static_cast<float>(x), static_cast<float>(y)}; };
     return {corner(r.top_left_x, r.top_left_y), corner(r.top_right_x, r.top_right_y), corner(r.bottom_right_x, r.bottom_right_y),
             corner(r.bottom_left_x, r.bottom_left_y)};
 }
@@ -51,7 +52,7 @@ BorderItem::Side sideOf(const litehtml::border& border) {
         default:
             break;
     }
-    return {style == BorderItem::Style::None ? 0.0 : static_cast<double>(border.width), style, colorOf(border.color)};
+    return {style == BorderItem::Style::None ? 0.0F : static_cast<float>(border.width), style, colorOf(border.color)};
 }
 
 /// The first character of valid UTF-8, and its length in bytes.
@@ -199,13 +200,14 @@ public:
         if (const Picture* picture = m_pictures.load(address->address)) {
             const bool both = paint.repeat == litehtml::background_repeat_repeat;
             add(boxOf(paint.clip_box),
-                PictureItem{picture,
-                            {static_cast<double>(paint.position_x), static_cast<double>(paint.position_y),
-                             static_cast<double>(paint.image_size.width), static_cast<double>(paint.image_size.height)},
-                            !content && (both || paint.repeat == litehtml::background_repeat_repeat_x),
-                            !content && (both || paint.repeat == litehtml::background_repeat_repeat_y),
-                            radiiOf(paint.border_radius),
-                            content ? PictureItem::Role::Content : PictureItem::Role::Background});
+                std::make_unique<PictureItem>(
+                    PictureItem{picture,
+                                {static_cast<double>(paint.position_x), static_cast<double>(paint.position_y),
+                                 static_cast<double>(paint.image_size.width), static_cast<double>(paint.image_size.height)},
+                                !content && (both || paint.repeat == litehtml::background_repeat_repeat_x),
+                                !content && (both || paint.repeat == litehtml::background_repeat_repeat_y),
+                                radiiOf(paint.border_radius),
+                                content ? PictureItem::Role::Content : PictureItem::Role::Background}));
         } else if (content) {
             add(boxOf(paint.clip_box), FrameItem{address->alternative, m_frameFont});
         }
@@ -216,7 +218,7 @@ public:
         BorderItem item{{sideOf(borders.top), sideOf(borders.right), sideOf(borders.bottom), sideOf(borders.left)},
                         radiiOf(borders.radius)};
         if (std::ranges::any_of(item.sides, [](const BorderItem::Side& side) { return side.width > 0; })) {
-            add(boxOf(position), item);
+            add(boxOf(position), std::make_unique<BorderItem>(item));
         }
     }
 
@@ -288,7 +290,7 @@ private:
     template <typename Content>
     void add(const Box& box, Content content) {
         if (m_recorded.items.size() < kMaxItems && !box.intersected(m_clips.back()).empty()) {
-            m_recorded.items.push_back({box, m_clips.back(), std::move(content)});
+            m_recorded.items.push_back({.box = box, .clip = m_clips.back(), .content = std::move(content)});
         }
     }
 
@@ -326,6 +328,21 @@ private:
     std::vector<Box> m_clips{Box{-kHuge, -kHuge, 2 * kHuge, 2 * kHuge}};
 };
 
+/// Of the parts of the body, where their borders and backgrounds start.
+std::vector<double> outermostTops(const litehtml::element::ptr& root) {
+    std::vector<double> tops;
+    for (std::size_t i = 0; root != nullptr && i < root->get_children_count(); ++i) {
+        const litehtml::element::ptr body = root->get_child(static_cast<int>(i));
+        for (std::size_t k = 0; k < body->get_children_count(); ++k) {
+            const litehtml::element::ptr part = body->get_child(static_cast<int>(k));
+            if (!part->is_inline_box()) {
+                tops.push_back(part->get_placement().y - part->padding_top() - part->border_top());
+            }
+        }
+    }
+    return tops;
+}
+
 }  // namespace
 
 RecordedHtml recordHtml(const SafeHtml& html, int width, int height, HtmlFonts& fonts, HtmlPictures& pictures) {
@@ -341,7 +358,11 @@ RecordedHtml recordHtml(const SafeHtml& html, int width, int height, HtmlFonts& 
         document->render(width);
         document->draw(0, 0, 0, nullptr);
     }
-    return recorder.take();
+    RecordedHtml recorded = recorder.take();
+    if (document != nullptr) {
+        recorded.tops = outermostTops(document->root());
+    }
+    return recorded;
 }
 
 }  // namespace ternview

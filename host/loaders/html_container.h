@@ -12,7 +12,8 @@
 namespace ternview {
 
 struct RecordedHtml {
-    std::vector<DisplayItem> items;
+    DisplayItems items;
+    std::vector<double> tops;        // the upper ends of the outermost parts of the document
     std::optional<Color> pageColor;  // of the document's own background, which covers the whole paper
 };
 

@@ -12,7 +12,7 @@ constexpr double kMaxRelative = 1000;  // em, %, and other units that are large 
 constexpr std::size_t kMaxSelectorLength = 300;
 constexpr std::size_t kMaxRules = 20000;
 constexpr double kSelectorBudget = 2e8;  // comparisons for one selector at its worst
-constexpr double kSheetBudget = 1e8;     // elements times selectors
+constexpr double kSheetBudget = 2e7;     // elements times selectors
 
 bool isSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';

@@ -17,20 +17,20 @@ void addBox(cairo_t* context, const Box& box) {
     cairo_rectangle(context, box.x, box.y, box.width, box.height);
 }
 
-void addCorner(cairo_t* context, double x, double y, const std::array<double, 2>& radii, double fromAngle) {
+void addCorner(cairo_t* context, double x, double y, const std::array<float, 2>& radii, double fromAngle) {
     cairo_save(context);
     cairo_translate(context, x, y);
-    cairo_scale(context, std::max(radii[0], 0.001), std::max(radii[1], 0.001));
+    cairo_scale(context, std::max<double>(radii[0], 0.001), std::max<double>(radii[1], 0.001));
     cairo_arc(context, 0, 0, 1, fromAngle, fromAngle + std::numbers::pi / 2);
     cairo_restore(context);
 }
 
 void addRoundedBox(cairo_t* context, const Box& box, const CornerRadii& wanted) {
     CornerRadii radii = wanted;
-    double largest = 0;
+    float largest = 0;
     for (auto& corner : radii) {
-        corner[0] = std::clamp(corner[0], 0.0, box.width / 2);
-        corner[1] = std::clamp(corner[1], 0.0, box.height / 2);
+        corner[0] = std::clamp(corner[0], 0.0F, static_cast<float>(std::max(box.width, 0.0) / 2));
+        corner[1] = std::clamp(corner[1], 0.0F, static_cast<float>(std::max(box.height, 0.0) / 2));
         largest = std::max(largest, std::min(corner[0], corner[1]));
     }
     if (largest <= 0) {
@@ -139,9 +139,10 @@ void addSide(cairo_t* context, const Box& box, const BorderItem& item, std::size
 }
 
 void strokeSide(cairo_t* context, const Box& box, const BorderItem::Side& side, std::size_t index) {
-    const double half = side.width / 2;
+    const double width = side.width;
+    const double half = width / 2;
     const bool dotted = side.style == BorderItem::Style::Dotted;
-    const std::array<double, 2> dash{dotted ? 0.01 : side.width * 3, dotted ? side.width * 2 : side.width * 3};
+    const std::array<double, 2> dash{dotted ? 0.01 : width * 3, dotted ? width * 2 : width * 3};
     // Only what can be seen is worth dashing.
     double x1, y1, x2, y2;
     cairo_clip_extents(context, &x1, &y1, &x2, &y2);
@@ -152,7 +153,7 @@ void strokeSide(cairo_t* context, const Box& box, const BorderItem::Side& side, 
     if (left >= right || top >= bottom) {
         return;
     }
-    cairo_set_line_width(context, side.width);
+    cairo_set_line_width(context, width);
     cairo_set_line_cap(context, dotted ? CAIRO_LINE_CAP_ROUND : CAIRO_LINE_CAP_BUTT);
     cairo_set_dash(context, dash.data(), 2, 0);
     if (index == 0 || index == 2) {
@@ -175,10 +176,10 @@ bool uniform(const BorderItem& item) {
 
 void paintContent(const BorderItem& item, const Box& box, cairo_t* context) {
     if (uniform(item)) {
-        const double width = item.sides[0].width;
+        const float width = item.sides[0].width;
         CornerRadii inner = item.radii;
         for (auto& corner : inner) {
-            corner = {std::max(corner[0] - width, 0.0), std::max(corner[1] - width, 0.0)};
+            corner = {std::max(corner[0] - width, 0.0F), std::max(corner[1] - width, 0.0F)};
         }
         setColor(context, item.sides[0].color);
         addRoundedBox(context, box, item.radii);
@@ -223,6 +224,11 @@ void paintContent(const MarkerItem& item, const Box& box, cairo_t* context) {
     }
 }
 
+template <typename Content>
+void paintContent(const std::unique_ptr<Content>& item, const Box& box, cairo_t* context) {
+    paintContent(*item, box, context);
+}
+
 }  // namespace
 
 Box Box::intersected(const Box& other) const {
@@ -232,9 +238,9 @@ Box Box::intersected(const Box& other) const {
 }
 
 bool DisplayItem::solid() const {
-    const auto* picture = std::get_if<PictureItem>(&content);
+    const auto* picture = std::get_if<std::unique_ptr<PictureItem>>(&content);
     return std::holds_alternative<TextItem>(content) || std::holds_alternative<FrameItem>(content) ||
-           std::holds_alternative<MarkerItem>(content) || (picture != nullptr && picture->role == PictureItem::Role::Content);
+           std::holds_alternative<MarkerItem>(content) || (picture != nullptr && (*picture)->role == PictureItem::Role::Content);
 }
 
 bool DisplayItem::visible() const {
@@ -252,7 +258,11 @@ void paint(const DisplayItem& item, cairo_t* context) {
         cairo_clip(context);
     }
     cairo_new_path(context);
-    std::visit([&](const auto& content) { paintContent(content, item.box, context); }, item.content);
+    cairo_translate(context, 0, item.offset);
+    cairo_scale(context, item.scale, item.scale);
+    const Box box{item.box.x / item.scale, (item.box.y - item.offset) / item.scale, item.box.width / item.scale,
+                  item.box.height / item.scale};
+    std::visit([&](const auto& content) { paintContent(content, box, context); }, item.content);
     cairo_restore(context);
 }
 

@@ -9,9 +9,10 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <string>
 #include <variant>
-#include <vector>
 
 namespace ternview {
 
@@ -27,15 +28,15 @@ struct Box {
 };
 
 struct Color {
-    double red = 0;
-    double green = 0;
-    double blue = 0;
-    double alpha = 1;
+    float red = 0;
+    float green = 0;
+    float blue = 0;
+    float alpha = 1;
     bool operator==(const Color&) const = default;
 };
 
 /// Horizontal and vertical radius of each corner, clockwise from the upper left one.
-using CornerRadii = std::array<std::array<double, 2>, 4>;
+using CornerRadii = std::array<std::array<float, 2>, 4>;
 
 struct TextItem {
     std::string text;
@@ -67,7 +68,7 @@ struct FrameItem {
 struct BorderItem {
     enum class Style { None, Solid, Dotted, Dashed, Double };
     struct Side {
-        double width;
+        float width;
         Style style;
         Color color;
     };
@@ -83,13 +84,20 @@ struct MarkerItem {
 struct DisplayItem {
     Box box;   // what it covers
     Box clip;  // what may be seen of it
-    std::variant<TextItem, FillItem, PictureItem, FrameItem, BorderItem, MarkerItem> content;
+    // There may be hundreds of thousands of items, most of them words: what is larger than a word stands elsewhere.
+    std::variant<TextItem, FillItem, std::unique_ptr<PictureItem>, FrameItem, std::unique_ptr<BorderItem>, MarkerItem> content;
+    // From the measures of the content to the place of the box: first scaled, then moved down.
+    double scale = 1;
+    double offset = 0;
 
     /// Whether a page break must not go through it.
     bool solid() const;
     /// Whether it shows anything on white paper.
     bool visible() const;
 };
+
+/// In the order of drawing; grows without ever standing in memory twice.
+using DisplayItems = std::deque<DisplayItem>;
 
 /// Paints an item at its place in the document.
 void paint(const DisplayItem& item, cairo_t* context);

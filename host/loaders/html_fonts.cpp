@@ -1,6 +1,7 @@
 #include "html_fonts.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace ternview {
@@ -9,6 +10,11 @@ namespace {
 constexpr int kMaxFontSize = 1000;
 constexpr std::size_t kMaxRememberedWidths = 100'000;
 constexpr std::size_t kMaxRememberedLength = 64;
+constexpr std::size_t kMaxFamilies = 64;
+constexpr std::size_t kMaxFonts = 500;
+constexpr const char* kDefaultFamily = "serif";
+// The sizes of the fonts over the limit.
+constexpr std::array kCoarseSizes{8, 10, 12, 13, 14, 16, 18, 20, 24, 28, 32, 40, 48, 64, 96, 128, 256, 512, kMaxFontSize};
 
 double pixels(int pangoUnits) {
     return static_cast<double>(pangoUnits) / PANGO_SCALE;
@@ -22,15 +28,29 @@ std::string unquoted(std::string families) {
     return families;
 }
 
+std::string keyOf(const HtmlFontStyle& style) {
+    const int lines = (style.underline ? 1 : 0) | (style.strikeThrough ? 2 : 0) | (style.overline ? 4 : 0);
+    return std::to_string(style.size) + "/" + std::to_string(style.weight) + (style.italic ? "i" : "/") + std::to_string(lines) +
+           style.families;
+}
+
+/// One of few fonts, near what was asked for.
+HtmlFontStyle coarse(HtmlFontStyle style) {
+    style.families = kDefaultFamily;
+    style.size = *std::ranges::lower_bound(kCoarseSizes, style.size);
+    style.weight = style.weight > 500 ? 700 : 400;
+    return style;
+}
+
 }  // namespace
 
-HtmlFont::HtmlFont(PangoContext* context, const HtmlFontStyle& style) : m_style(style), m_layout(pango_layout_new(context)) {
-    m_style.size = std::clamp(style.size, 1, kMaxFontSize);
+HtmlFont::HtmlFont(PangoContext* context, const HtmlFontStyle& style, std::size_t& memory)
+    : m_style(style), m_layout(pango_layout_new(context)), m_memory(memory) {
     const std::unique_ptr<PangoFontDescription, decltype(&pango_font_description_free)> description(pango_font_description_new(),
                                                                                                     &pango_font_description_free);
-    pango_font_description_set_family(description.get(), unquoted(style.families).c_str());
+    pango_font_description_set_family(description.get(), style.families.c_str());
     pango_font_description_set_absolute_size(description.get(), static_cast<double>(m_style.size) * PANGO_SCALE);
-    pango_font_description_set_weight(description.get(), static_cast<PangoWeight>(std::clamp(style.weight, 100, 900)));
+    pango_font_description_set_weight(description.get(), static_cast<PangoWeight>(style.weight));
     pango_font_description_set_style(description.get(), style.italic ? PANGO_STYLE_ITALIC : PANGO_STYLE_NORMAL);
     pango_layout_set_font_description(m_layout.get(), description.get());
     pango_layout_set_single_paragraph_mode(m_layout.get(), TRUE);
@@ -54,7 +74,8 @@ int HtmlFont::textWidth(std::string_view text) {
     pango_layout_set_text(m_layout.get(), text.data(), static_cast<int>(text.size()));
     pango_layout_get_size(m_layout.get(), &width, nullptr);
     const int result = rounded(pixels(width));
-    if (text.size() <= kMaxRememberedLength && m_widths.size() < kMaxRememberedWidths) {
+    if (text.size() <= kMaxRememberedLength && m_memory > 0) {
+        --m_memory;
         m_widths.emplace(std::move(key), result);
     }
     return result;
@@ -86,7 +107,8 @@ void HtmlFont::draw(cairo_t* context, std::string_view text, double x, double ba
     }
 }
 
-HtmlFonts::HtmlFonts() : m_context(pango_font_map_create_context(pango_cairo_font_map_get_default())) {
+HtmlFonts::HtmlFonts()
+    : m_context(pango_font_map_create_context(pango_cairo_font_map_get_default())), m_rememberedWidths(kMaxRememberedWidths) {
     // Widths must not depend on the size of a device pixel: one layout serves all resolutions and the PDF.
     const std::unique_ptr<cairo_font_options_t, decltype(&cairo_font_options_destroy)> options(cairo_font_options_create(),
                                                                                                &cairo_font_options_destroy);
@@ -99,8 +121,25 @@ HtmlFonts::HtmlFonts() : m_context(pango_font_map_create_context(pango_cairo_fon
 }
 
 HtmlFont* HtmlFonts::create(const HtmlFontStyle& style) {
-    m_fonts.push_back(std::make_unique<HtmlFont>(m_context.get(), style));
-    return m_fonts.back().get();
+    HtmlFontStyle affordable = style;
+    affordable.size = std::clamp(style.size, 1, kMaxFontSize);
+    affordable.weight = std::clamp(style.weight, 100, 900);
+    affordable.families = unquoted(style.families);
+    if (!m_families.contains(affordable.families)) {
+        if (m_families.size() < kMaxFamilies) {
+            m_families.insert(affordable.families);
+        } else {
+            affordable.families = kDefaultFamily;
+        }
+    }
+    if (m_fonts.size() >= kMaxFonts && !m_fonts.contains(keyOf(affordable))) {
+        affordable = coarse(affordable);
+    }
+    std::unique_ptr<HtmlFont>& font = m_fonts[keyOf(affordable)];
+    if (!font) {
+        font = std::make_unique<HtmlFont>(m_context.get(), affordable, m_rememberedWidths);
+    }
+    return font.get();
 }
 
 }  // namespace ternview

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
+#include <unordered_set>
 
 namespace ternview {
 
@@ -27,7 +27,8 @@ struct HtmlFontStyle {
 
 class HtmlFont {
 public:
-    HtmlFont(PangoContext* context, const HtmlFontStyle& style);
+    /// @param memory how many more widths of words the fonts of the document may remember; outlives the font
+    HtmlFont(PangoContext* context, const HtmlFontStyle& style, std::size_t& memory);
 
     /// In CSS pixels. Widths of words are remembered: a mail repeats most of its words, and the engine asks again and again.
     int textWidth(std::string_view text);
@@ -45,6 +46,7 @@ private:
 
     HtmlFontStyle m_style;
     std::unique_ptr<PangoLayout, GObjectDeleter> m_layout;
+    std::size_t& m_memory;
     std::unordered_map<std::string, int> m_widths;
     int m_ascent = 0;
     int m_descent = 0;
@@ -57,12 +59,19 @@ private:
 class HtmlFonts {
 public:
     HtmlFonts();
-    /// The font lives as long as this object.
+    /**
+     * The font of a style, made once. Each costs a millisecond or two and a search of the installed fonts: a document with more
+     * families or styles than any real one gets the default font for the rest of them.
+     *
+     * @return lives as long as this object
+     */
     HtmlFont* create(const HtmlFontStyle& style);
 
 private:
     std::unique_ptr<PangoContext, GObjectDeleter> m_context;
-    std::vector<std::unique_ptr<HtmlFont>> m_fonts;
+    std::size_t m_rememberedWidths;
+    std::unordered_set<std::string> m_families;
+    std::unordered_map<std::string, std::unique_ptr<HtmlFont>> m_fonts;
 };
 
 }  // namespace ternview

@@ -12,21 +12,29 @@
 namespace ternview {
 namespace {
 
-constexpr std::size_t kMaxDepth = 160;
+constexpr std::size_t kMaxDepth = 100;  // each word looks for its font, and each line for floats, in all that it stands in
 constexpr std::size_t kMaxTableDepth = 8;
 constexpr std::size_t kMaxInlines = 32;  // open at one place; each block inside repeats them
-constexpr std::size_t kMaxElements = 100'000;
-constexpr std::size_t kMaxWords = 1'000'000;
+constexpr std::size_t kMaxElements = 80'000;
 constexpr std::size_t kMaxTextBytes = std::size_t{20} << 20;
+// What the engine holds for an element, a piece of text (a word, a space, an East Asian character) and each byte of attributes,
+// which may be a declaration for every four; and how much of that there may be in all.
+constexpr std::size_t kElementBytes = 2600;
+constexpr std::size_t kPieceBytes = 480;
+constexpr std::size_t kAttributeFactor = 24;
+constexpr std::size_t kMaxMemory = std::size_t{300} << 20;
+constexpr std::size_t kMaxElementMemory = std::size_t{200} << 20;  // the rest is kept for text
+constexpr std::size_t kMaxBlankRun = 1000;                         // where blanks are kept
 constexpr std::size_t kMaxStyleBytes = std::size_t{2} << 20;
 constexpr std::size_t kMaxColumns = 1000;
 constexpr std::size_t kMaxGridCells = 300'000;  // of one table, counting covered ones
+constexpr double kMaxRowComparisons = 1e8;      // of one table: the engine looks from each cell up through all rows
 constexpr std::size_t kMaxSpanned = 500'000;    // cells covered by colspan and rowspan in the whole document
 constexpr std::size_t kMaxListItems = 10'000;   // the engine counts each item's predecessors
 constexpr std::size_t kMaxFloats = 2000;        // and compares each float with all others
 // The engine lays a cell out two or three times, so what stands in nested tables costs a power of the depth.
 constexpr double kLayoutsPerTable = 2.6;
-constexpr double kMaxLayouts = 20e6;  // of words
+constexpr double kMaxLayouts = 5e6;  // of words
 constexpr double kWordsPerElement = 10;
 constexpr std::size_t kTableDepthWhenCostly = 1;
 
@@ -35,6 +43,13 @@ constexpr std::string_view kShortenedNotice =
 
 bool isSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';
+}
+
+/// Whether declarations may keep blanks as they stand.
+bool mayKeepBlanks(std::string_view css) {
+    constexpr std::string_view kProperty = "white-space";
+    const auto same = [](char a, char b) { return (a >= 'A' && a <= 'Z' ? static_cast<char>(a + 32) : a) == b; };
+    return !std::ranges::search(css, kProperty, same).empty() && !std::ranges::search(css, std::string_view("pre"), same).empty();
 }
 
 /// Document types by which browsers keep to the standards; public ones of old HTML without an address mean quirks.
@@ -60,10 +75,11 @@ struct OpenElement {
     std::string emitted;  // in the result
     TagKind kind = TagKind::Block;
     ChildAlignment alignment = ChildAlignment::Default;
-    std::string startTag;            // of an inline element, to repeat it
+    std::string startTag;            // of an inline element or a table, to repeat it
     std::vector<InlineTag> outside;  // of a table part: the inline elements that go on behind it
     TableState table;
     bool empty = true;  // nothing visible inside so far
+    bool keepsBlanks = false;
 };
 
 class GuardedWriter {
@@ -102,6 +118,8 @@ private:
     /// Inside a table but in none of its cells.
     bool betweenCells() const { return !m_open.empty() && isTablePart(m_open.back().kind); }
     ChildAlignment alignment() const { return m_open.empty() ? ChildAlignment::Default : m_open.back().alignment; }
+
+    bool keepsBlanks() const { return m_sheetKeepsBlanks || (!m_open.empty() && m_open.back().keepsBlanks); }
 
     static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
 
@@ -164,7 +182,7 @@ private:
         std::vector<InlineTag> pending = std::move(m_pending);
         m_pending.clear();
         for (InlineTag& tag : pending) {
-            if (!countElement() || m_open.size() >= kMaxDepth) {
+            if (!countElement(tag.startTag.size()) || m_open.size() >= kMaxDepth) {
                 break;
             }
             m_body += tag.startTag;
@@ -173,16 +191,27 @@ private:
             element.name = std::move(tag.name);
             element.kind = TagKind::Inline;
             element.alignment = alignment();
+            element.keepsBlanks = keepsBlanks() || mayKeepBlanks(tag.startTag);
             element.startTag = std::move(tag.startTag);
             m_open.push_back(std::move(element));
         }
     }
 
-    bool countElement() {
-        if (m_elements >= kMaxElements) {
+    /// Keeps words apart between which a tag is left out.
+    void separate() {
+        if (!m_body.ends_with(' ')) {
+            m_body += ' ';
+            ++m_pieces;
+        }
+    }
+
+    bool countElement(std::size_t attributeBytes) {
+        const std::size_t memory = kElementBytes + attributeBytes * kAttributeFactor;
+        if (m_elements >= kMaxElements || m_elementMemory + memory > kMaxElementMemory) {
             m_shortened = true;
             return false;
         }
+        m_elementMemory += memory;
         ++m_elements;
         return true;
     }
@@ -190,8 +219,8 @@ private:
     /// Writes a start tag and opens its element. `emitted` is the name under which it goes on; without one, which is so for the
     /// parts of a table that is too deep, only its content does.
     bool open(const HtmlToken& token, TagKind kind, const std::string& emitted, const std::string& attributes) {
-        if (m_open.size() >= kMaxDepth || !countElement()) {
-            m_body += ' ';
+        if (m_open.size() >= kMaxDepth || !countElement(attributes.size())) {
+            separate();
             return false;
         }
         OpenElement element;
@@ -199,14 +228,17 @@ private:
         element.emitted = emitted;
         element.kind = kind;
         element.alignment = childAlignment(token, alignment());
+        element.keepsBlanks = keepsBlanks() || emitted == "pre" || mayKeepBlanks(attributes);
         if (isBoundary(kind)) {
             element.outside = std::move(m_pending);
             m_pending.clear();
         }
         if (!emitted.empty()) {
             m_body += "<" + emitted + attributes + ">";
+        } else if (kind == TagKind::Row) {
+            m_body += "<br>";
         } else {
-            m_body += kind == TagKind::Row ? "<br>" : " ";
+            separate();
         }
         m_open.push_back(std::move(element));
         m_depth = std::max(m_depth, m_open.size());
@@ -271,6 +303,7 @@ private:
             media.empty() || media.find("screen") != std::string_view::npos || media.find("all") != std::string_view::npos;
         if (forScreen && m_styleBytes <= kMaxStyleBytes) {
             m_styles.append(css, m_result.pictures);
+            m_sheetKeepsBlanks = m_sheetKeepsBlanks || mayKeepBlanks(css);
         }
     }
 
@@ -286,15 +319,16 @@ private:
         } else {
             resumeInlines();
         }
-        if (!countElement()) {
-            m_body += ' ';
+        const std::string attributes = attributesOf(token);
+        if (!countElement(attributes.size())) {
+            separate();
             return;
         }
         if (token.name == "br" && !m_open.empty() && m_open.back().empty) {
             m_body += "&nbsp;";  // a block with nothing but line breaks keeps its lines
         }
         addLayouts(kWordsPerElement);
-        m_body += "<" + token.name + attributesOf(token) + ">";
+        m_body += "<" + token.name + attributes + ">";
         markFilled();
     }
 
@@ -360,9 +394,11 @@ private:
         if (m_open.size() + kTableParts > kMaxDepth) {
             return;
         }
-        if (!open(token, TagKind::Table, flat ? "" : "table", flat ? std::string() : attributesOf(token))) {
+        const std::string attributes = flat ? std::string() : attributesOf(token);
+        if (!open(token, TagKind::Table, flat ? "" : "table", attributes)) {
             return;
         }
+        m_open.back().startTag = attributes;
         m_tableDepth += flat ? 0 : 1;
         if (const auto padding = attributeNumber(token.attribute("cellpadding"), 0, 1000)) {
             m_open.back().table.attributes.cellPadding = "padding:" + std::to_string(*padding) + "px;";
@@ -393,16 +429,35 @@ private:
         }
     }
 
+    static bool isFull(const TableState& table) {
+        const std::size_t columns = std::max<std::size_t>(table.columns, 1);
+        const auto rows = static_cast<double>(table.rows + 1);
+        return (table.rows + 1) * columns > kMaxGridCells || rows * rows * static_cast<double>(columns) > kMaxRowComparisons;
+    }
+
+    /// Ends a table that has all the rows it can have; what follows goes into another one of its kind behind it.
+    bool continueTable(std::size_t table) {
+        HtmlToken token;
+        token.name = "table";
+        const std::string emitted = m_open[table].emitted;
+        const std::string attributes = m_open[table].startTag;
+        const TableAttributes ofCells = m_open[table].table.attributes;
+        closeDownTo(table);
+        if (!open(token, TagKind::Table, emitted, attributes)) {
+            return false;
+        }
+        m_tableDepth += emitted.empty() ? 0 : 1;
+        m_open.back().startTag = attributes;
+        m_open.back().table.attributes = ofCells;
+        return true;
+    }
+
     bool startRow(const HtmlToken& token) {
         const std::size_t table = innermostTable();
-        if (table == kNone) {
+        if (table == kNone || (isFull(m_open[table].table) && !continueTable(table))) {
             return false;
         }
         TableState& state = m_open[table].table;
-        if ((state.rows + 1) * std::max<std::size_t>(state.columns, 1) > kMaxGridCells) {
-            m_body += ' ';
-            return false;
-        }
         const bool inSection = table + 1 < m_open.size() && m_open[table + 1].kind == TagKind::Section;
         closeDownTo(table + (inSection ? 2 : 1));
         ++state.rows;
@@ -433,7 +488,7 @@ private:
         }
         TableState& state = m_open[table].table;
         if (state.columnsInRow >= kMaxColumns) {
-            m_body += ' ';
+            separate();
             return false;
         }
         closeDownTo(row + 1);
@@ -549,23 +604,38 @@ private:
             resumeInlines();
             markFilled();
         }
-        const std::size_t words = countWords(text);
-        addLayouts(static_cast<double>(words));
-        m_words += words;
-        if (m_body.size() + text.size() > kMaxTextBytes || m_words > kMaxWords) {
-            m_shortened = m_full = true;
-            text = text.substr(0, kMaxTextBytes > m_body.size() ? std::min(text.size(), kMaxTextBytes - m_body.size()) : 0);
-            if (m_words > kMaxWords) {
-                text = firstWords(text, words - std::min(words, m_words - kMaxWords));
-            }
-        }
+        const bool keep = keepsBlanks();
+        const std::string safe = safeText(text, keep);
+        std::size_t pieces = 0;
+        const std::size_t used = m_elementMemory + m_pieces * kPieceBytes;
+        const std::size_t left = used < kMaxMemory ? (kMaxMemory - used) / kPieceBytes : 0;
+        const std::size_t room = kMaxTextBytes - std::min(m_body.size(), kMaxTextBytes);
+        const std::string_view fitting = firstPieces(std::string_view(safe).substr(0, room), left, pieces);
+        m_full = m_full || fitting.size() < safe.size();
+        m_shortened = m_shortened || m_full;
+        m_pieces += pieces;
+        addLayouts(static_cast<double>(pieces));
+        m_body += fitting;
+    }
+
+    /// The text as it goes on. Where blanks do not count, a run of them becomes one: the engine would make an element of each.
+    std::string safeText(std::string_view text, bool keep) const {
+        std::string result;
+        std::size_t run = m_body.ends_with(' ') ? 1 : 0;
         for (const char c : text) {
+            run = isSpace(c) ? run + 1 : 0;
+            if (run > (keep ? kMaxBlankRun : 1)) {
+                continue;
+            }
             if (c == '<') {
-                m_body += "&lt;";
-            } else if (static_cast<unsigned char>(c) >= 0x20 || isSpace(c)) {
-                m_body += c;
+                result += "&lt;";
+            } else if (isSpace(c)) {
+                result += keep ? c : ' ';
+            } else if (static_cast<unsigned char>(c) >= 0x20) {
+                result += c;
             }
         }
+        return result;
     }
 
     void markFilled() {
@@ -574,24 +644,42 @@ private:
         }
     }
 
-    /// What the engine makes elements of: words, and each character that a line may break behind.
-    static std::size_t countWords(std::string_view text) {
-        std::size_t words = 0;
-        char previous = ' ';
-        for (const char c : text) {
-            const bool eastAsian = static_cast<unsigned char>(c) >= 0xE2 && static_cast<unsigned char>(c) < 0xF0;
-            words += eastAsian || isSpace(previous) != isSpace(c) ? 1 : 0;
-            previous = c;
+    /**
+     * The start of a text with as many pieces as there may be. Pieces are what the engine makes elements of: words, spaces, each
+     * character that a line may break behind, and the parts of words that are too long.
+     *
+     * @param count receives the pieces of that start
+     */
+    static std::string_view firstPieces(std::string_view text, std::size_t most, std::size_t& count) {
+        constexpr std::size_t kLongWord = 32;
+        constexpr std::size_t kPartOfLongWord = 10;
+        std::size_t length = 0;  // of the word so far
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            const auto c = static_cast<unsigned char>(text[i]);
+            std::size_t pieces = 0;
+            if (isSpace(text[i])) {
+                pieces = 1;
+                length = 0;
+            } else if (c >= 0xE2) {  // as one character of three or four bytes
+                pieces = 1;
+                length = 1;
+            } else {
+                const bool part = length >= kLongWord && length % kPartOfLongWord == 0;
+                pieces = length == 0 || part ? 1 : 0;
+                ++length;
+            }
+            if (c == '&' && i + 1 < text.size() && (text[i + 1] == '#' || text[i + 1] == 'T' || text[i + 1] == 'N')) {
+                pieces += 2;  // a reference that may stand for a space or any character
+            }
+            if (count + pieces > most) {
+                while (i > 0 && (static_cast<unsigned char>(text[i]) & 0xC0) == 0x80) {
+                    --i;
+                }
+                return text.substr(0, i);
+            }
+            count += pieces;
         }
-        return std::max(words, text.size() / 16);
-    }
-
-    static std::string_view firstWords(std::string_view text, std::size_t words) {
-        std::size_t length = std::min(text.size(), words * 2);
-        while (length > 0 && length < text.size() && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) {
-            --length;
-        }
-        return text.substr(0, length);
+        return text;
     }
 
     /// Counts how often the engine will lay out some words; ends nested tables when that is more than can be afforded.
@@ -643,7 +731,8 @@ private:
     std::size_t m_depth = 0;
     std::size_t m_tableDepth = 0;
     std::size_t m_elements = 0;
-    std::size_t m_words = 0;
+    std::size_t m_elementMemory = 0;
+    std::size_t m_pieces = 0;
     std::size_t m_styleBytes = 0;
     std::size_t m_spanned = 0;
     std::size_t m_listItems = 0;
@@ -652,6 +741,7 @@ private:
     bool m_standards = false;
     bool m_shortened = false;
     bool m_full = false;
+    bool m_sheetKeepsBlanks = false;
 };
 
 }  // namespace

@@ -1,18 +1,15 @@
+#include "html_bands.h"
 #include "html_charset.h"
 #include "html_container.h"
 #include "html_guard.h"
 #include "html_pages.h"
 #include "laid_out_document.h"
 
-#include <algorithm>
-#include <cmath>
-
 namespace ternview {
 namespace {
 
 constexpr std::size_t kMaxBytes = std::size_t{512} << 20;
 constexpr std::size_t kMaxPages = 2000;
-constexpr double kSmallestScale = 0.3;
 constexpr const char* kMorePagesNotice = "This message has more pages than can be shown.";
 
 class HtmlDocument final : public LaidOutDocument {
@@ -24,11 +21,13 @@ public:
         const SafeHtml html = guardHtml(decoded.text);
         decoded.text = {};
         m_recorded = recordHtml(html, static_cast<int>(width), static_cast<int>(height), m_fonts, m_pictures);
-        m_scale = std::clamp(width / std::max(contentWidth(), 1.0), kSmallestScale, 1.0);
-        m_plan = planPages(m_recorded.items, height / m_scale, kMaxPages);
+        fitToWidth(m_recorded.items, std::move(m_recorded.tops), width);
+        m_plan = planPages(m_recorded.items, height, kMaxPages);
     }
 
     int pageCount() const override { return static_cast<int>(m_plan.pages.size()); }
+
+    PaperSize paperSize(int) const override { return {m_setup.width, m_setup.height}; }
 
     void drawPage(int index, cairo_t* context) override {
         const PagePlan::Page& page = m_plan.pages.at(static_cast<std::size_t>(index));
@@ -41,7 +40,6 @@ public:
             cairo_paint(context);
         }
         cairo_translate(context, m_setup.margin, m_setup.margin);
-        cairo_scale(context, m_scale, m_scale);
         cairo_translate(context, 0, -page.top);
         auto own = page.items.begin();
         auto spanning = m_plan.spanning.begin();
@@ -56,20 +54,9 @@ public:
     }
 
 private:
-    /// How far to the right anything goes that can be seen.
-    double contentWidth() const {
-        double right = 0;
-        for (const DisplayItem& item : m_recorded.items) {
-            if (item.visible()) {
-                right = std::max(right, item.box.intersected(item.clip).right());
-            }
-        }
-        return right;
-    }
-
     /// Backgrounds, borders and tall pictures end at the page break; a line of text may stand a little over it.
     void drawItem(const DisplayItem& item, const PagePlan::Page& page, cairo_t* context) const {
-        const bool whole = item.solid() && item.box.height <= (m_setup.height - 2 * m_setup.margin) / m_scale;
+        const bool whole = item.solid() && item.box.height <= m_setup.height - 2 * m_setup.margin;
         if (whole) {
             paint(item, context);
             return;
@@ -78,7 +65,7 @@ private:
             return;
         }
         cairo_save(context);
-        cairo_rectangle(context, -m_setup.margin / m_scale, page.top, m_setup.width / m_scale, page.bottom - page.top);
+        cairo_rectangle(context, -m_setup.margin, page.top, m_setup.width, page.bottom - page.top);
         cairo_clip(context);
         paint(item, context);
         cairo_restore(context);
@@ -94,7 +81,6 @@ private:
     HtmlFonts m_fonts;
     HtmlPictures m_pictures;
     RecordedHtml m_recorded;
-    double m_scale = 1;
     PagePlan m_plan;
 };
 

@@ -37,7 +37,7 @@ double nextBreak(const std::vector<Extent>& extents, std::size_t& first, double 
 
 }  // namespace
 
-PagePlan planPages(const std::vector<DisplayItem>& items, double pageHeight, std::size_t maxPages) {
+PagePlan planPages(const DisplayItems& items, double pageHeight, std::size_t maxPages) {
     PagePlan plan;
     std::vector<Extent> extents;
     double end = 0;

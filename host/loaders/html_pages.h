@@ -26,6 +26,6 @@ struct PagePlan {
  *
  * @param pageHeight in units of the drawing, above 0
  */
-PagePlan planPages(const std::vector<DisplayItem>& items, double pageHeight, std::size_t maxPages);
+PagePlan planPages(const DisplayItems& items, double pageHeight, std::size_t maxPages);
 
 }  // namespace ternview

@@ -1,10 +1,10 @@
 #include "html_pictures.h"
 
 #include "html_charset.h"
+#include "html_vector.h"
 
 #include <fcntl.h>
 #include <gdk-pixbuf/gdk-pixbuf.h>
-#include <librsvg/rsvg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,15 +19,13 @@ namespace {
 
 constexpr std::size_t kMaxFileBytes = std::size_t{64} << 20;
 constexpr double kMaxPixels = 40e6;                               // of one picture
-constexpr std::size_t kMaxDecodedBytes = std::size_t{400} << 20;  // of all pictures, at four bytes a pixel
-constexpr double kVectorScale = 2;                                // vector pictures are drawn finer than the screen for printing
+constexpr std::size_t kMaxDecodedBytes = std::size_t{200} << 20;  // of all pictures, at four bytes a pixel
 
 struct ObjectDeleter {
     void operator()(gpointer object) const { g_object_unref(object); }
 };
 using Pixbuf = std::unique_ptr<GdkPixbuf, ObjectDeleter>;
 using PixbufLoader = std::unique_ptr<GdkPixbufLoader, ObjectDeleter>;
-using VectorHandle = std::unique_ptr<RsvgHandle, ObjectDeleter>;
 
 int hexDigit(char c) {
     if (c >= '0' && c <= '9') {
@@ -268,38 +266,6 @@ std::optional<Picture> rasterPicture(std::string_view data, const char* format, 
     return picture;
 }
 
-std::optional<Picture> vectorPicture(std::string_view data, double maxPixels) {
-    // Data without a base address: references to anything outside cannot be resolved.
-    const VectorHandle handle(rsvg_handle_new_from_data(reinterpret_cast<const guint8*>(data.data()), data.size(), nullptr));
-    if (!handle) {
-        return std::nullopt;
-    }
-    double width = 0;
-    double height = 0;
-    if (rsvg_handle_get_intrinsic_size_in_pixels(handle.get(), &width, &height) == FALSE) {
-        gboolean hasBox = FALSE;
-        RsvgRectangle box{};
-        rsvg_handle_get_intrinsic_dimensions(handle.get(), nullptr, nullptr, nullptr, nullptr, &hasBox, &box);
-        width = hasBox != FALSE ? box.width : 300;
-        height = hasBox != FALSE ? box.height : 150;
-    }
-    const double pixels = width * height * kVectorScale * kVectorScale;
-    if (!(width >= 1) || !(height >= 1) || !(pixels <= maxPixels)) {
-        return std::nullopt;
-    }
-    Picture picture{
-        CairoSurface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, static_cast<int>(std::ceil(width * kVectorScale)),
-                                                static_cast<int>(std::ceil(height * kVectorScale))),
-                     &cairo_surface_destroy),
-        width, height};
-    const std::unique_ptr<cairo_t, decltype(&cairo_destroy)> context(cairo_create(picture.surface.get()), &cairo_destroy);
-    const RsvgRectangle viewport{0, 0, width * kVectorScale, height * kVectorScale};
-    if (rsvg_handle_render_document(handle.get(), context.get(), &viewport, nullptr) == FALSE) {
-        return std::nullopt;
-    }
-    return picture;
-}
-
 }  // namespace
 
 HtmlPictures::HtmlPictures(std::optional<std::filesystem::path> directory, std::string charset)
@@ -344,7 +310,7 @@ const Picture* HtmlPictures::load(const std::string& address) {
     if (const char* format = rasterFormat(*data)) {
         picture = rasterPicture(*data, format, maxPixels);
     } else if (looksLikeVector(*data)) {
-        picture = vectorPicture(*data, maxPixels);
+        picture = vectorPicture(*data, maxPixels, m_vectorTime);
     }
     if (picture && cairo_surface_status(picture->surface.get()) != CAIRO_STATUS_SUCCESS) {
         picture.reset();

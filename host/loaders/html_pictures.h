@@ -3,6 +3,7 @@
 
 #include <cairo.h>
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -38,6 +39,7 @@ private:
     std::string m_charset;
     std::unordered_map<std::string, std::optional<Picture>> m_pictures;
     std::size_t m_decodedBytes = 0;
+    std::chrono::milliseconds m_vectorTime{4000};  // that drawing all vector pictures may still take
 };
 
 }  // namespace ternview

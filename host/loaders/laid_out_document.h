@@ -18,6 +18,12 @@ struct PageSetup {
     double margin = 56.7;    // 15 mm on every side
 };
 
+/// In CSS pixels.
+struct PaperSize {
+    double width;
+    double height;
+};
+
 /// A document that a loader cannot show; the text is one plain sentence for the person who asked.
 class LoadError : public std::runtime_error {
 public:
@@ -29,6 +35,8 @@ public:
     virtual ~LaidOutDocument() = default;
     /// At least 1.
     virtual int pageCount() const = 0;
+    /// Of one page (0-based): the paper that was asked for, unless the document has its own.
+    virtual PaperSize paperSize(int index) const = 0;
     /// Draws one page (0-based) with the origin at the paper's upper left corner, in CSS pixels, on paper that is white already.
     virtual void drawPage(int index, cairo_t* context) = 0;
 };
@@ -50,5 +58,13 @@ std::unique_ptr<LaidOutDocument> layOutText(std::string_view bytes, const PageSe
  */
 std::unique_ptr<LaidOutDocument> layOutHtml(std::string_view bytes, const std::optional<std::filesystem::path>& directory,
                                             const PageSetup& setup);
+
+/**
+ * Lays an RTF document out, in the office process that `useOffice` has named.
+ *
+ * @param bytes the document
+ * @throws LoadError, and JobError when the office suite is missing or the time is over
+ */
+std::unique_ptr<LaidOutDocument> layOutRtf(std::string_view bytes, const PageSetup& setup);
 
 }  // namespace ternview

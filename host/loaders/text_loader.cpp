@@ -88,6 +88,8 @@ public:
 
     int pageCount() const override { return static_cast<int>(pages_.size()); }
 
+    PaperSize paperSize(int) const override { return {setup_.width, setup_.height}; }
+
     void drawPage(int index, cairo_t* context) override {
         const auto page = static_cast<std::size_t>(index);
         const bool isLast = page + 1 == pages_.size();

@@ -1,0 +1,192 @@
+#include "rtf_guard.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+
+namespace ternview {
+namespace {
+
+// Groups that go, with everything in them.
+constexpr std::array<std::string_view, 14> kDroppedGroups{
+    "objdata",      "template",         "filetbl", "datastore", "mailmerge", "mmdatasource", "mmheadersource",
+    "mmconnectstr", "mmconnectstrdata", "mmquery", "mmodso",    "linkval",   "nextfile",     "subdocument",
+};
+
+// Instructions that name nothing outside the document, or, as HYPERLINK, nothing that is looked at.
+constexpr std::array<std::string_view, 4> kHarmlessFields{"HYPERLINK", "SYMBOL", "PAGE", "NUMPAGES"};
+
+bool isLetter(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+bool isOneOf(std::string_view name, const auto& names) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+/// One step through RTF: a control word with its number and delimiter, a control symbol, a brace, or plain text up to those.
+struct Token {
+    std::string_view raw;
+    std::string name;  // of a control word, in lower case
+    std::int64_t number = 0;
+};
+
+Token readToken(std::string_view rest) {
+    Token token;
+    if (rest.front() != '\\') {
+        const std::size_t end = rest.find_first_of("\\{}", 1);
+        token.raw = rest.substr(0, rest.front() == '{' || rest.front() == '}' ? 1 : end);
+        return token;
+    }
+    std::size_t at = 1;
+    while (at < rest.size() && isLetter(rest[at])) {
+        token.name += static_cast<char>(rest[at++] | 0x20);
+    }
+    if (at == 1) {
+        token.raw = rest.substr(0, 2);
+        return token;
+    }
+    const std::size_t numberAt = at;
+    if (at + 1 < rest.size() && rest[at] == '-' && isDigit(rest[at + 1])) {
+        ++at;
+    }
+    while (at < rest.size() && isDigit(rest[at])) {
+        ++at;
+    }
+    std::from_chars(rest.data() + numberAt, rest.data() + at, token.number);
+    if (at < rest.size() && rest[at] == ' ') {
+        ++at;
+    }
+    token.raw = rest.substr(0, at);
+    return token;
+}
+
+class Guard {
+public:
+    Guard(std::string_view rtf, const PageSetup& setup, RtfPictures pictures) : rest_(rtf), pictures_(pictures) {
+        writeStart(setup);
+    }
+
+    std::string run() {
+        std::size_t depth = 1;
+        while (depth > 0 && !rest_.empty()) {
+            const Token token = take();
+            if (token.raw == "\\" || (token.raw == "\\'" && rest_.size() < 2)) {
+                break;  // cut in the middle of an escape
+            }
+            depth += token.raw == "{" ? 1 : 0;
+            depth -= token.raw == "}" ? 1 : 0;
+            if (token.name == "bin") {
+                writeAsHex(takeBinary(token));
+            } else if (isDropped(token)) {
+                dropRestOfGroup();
+            } else {
+                out_ += token.raw;
+            }
+        }
+        // The suite shows nothing of a document whose groups are not closed, or are closed too often.
+        out_.append(depth, '}');
+        return std::move(out_);
+    }
+
+private:
+    Token take() {
+        Token token = readToken(rest_);
+        rest_.remove_prefix(token.raw.size());
+        return token;
+    }
+
+    /// A document's own settings come later and replace these.
+    void writeStart(const PageSetup& setup) {
+        const auto twips = [](double pixels) { return std::to_string(std::lround(pixels * 15)); };
+        out_ += take().raw;  // the brace
+        out_ += take().raw;  // "\rtf1"
+        out_ += "\\paperw" + twips(setup.width) + "\\paperh" + twips(setup.height);
+        for (const char* side : {"\\margl", "\\margr", "\\margt", "\\margb"}) {
+            out_ += side + twips(setup.margin);
+        }
+        out_ += '\n';
+    }
+
+    std::string_view takeBinary(const Token& token) {
+        const auto size =
+            static_cast<std::size_t>(std::clamp<std::int64_t>(token.number, 0, static_cast<std::int64_t>(rest_.size())));
+        const std::string_view bytes = rest_.substr(0, size);
+        rest_.remove_prefix(size);
+        return bytes;
+    }
+
+    /// Pictures may come in either form. In hexadecimal nobody can disagree on where they end, and see a control word in them.
+    void writeAsHex(std::string_view bytes) {
+        constexpr std::string_view kDigits = "0123456789abcdef";
+        for (const char c : bytes) {
+            const auto byte = static_cast<unsigned char>(c);
+            out_ += kDigits[byte >> 4];
+            out_ += kDigits[byte & 15];
+        }
+    }
+
+    void dropRestOfGroup() {
+        int depth = 1;
+        while (!rest_.empty()) {
+            if (rest_.front() == '}' && --depth == 0) {
+                return;
+            }
+            const Token token = take();
+            depth += token.raw == "{" ? 1 : 0;
+            if (token.name == "bin") {
+                takeBinary(token);
+            }
+        }
+    }
+
+    /// Looks for the first word of the instruction behind nothing but formatting. A word that is put together from pieces or
+    /// escapes is none that an honest program writes.
+    bool isHarmlessField() const {
+        std::string_view ahead = rest_;
+        while (!ahead.empty()) {
+            const Token token = readToken(ahead);
+            const bool isFormatting = !token.name.empty() && token.name != "u" && token.name != "bin" &&
+                                      !token.name.starts_with("f") && !token.name.starts_with("up");
+            const bool isFont = token.name == "f" || token.name == "fs" || token.name == "fcs";
+            if (isFormatting || isFont || token.raw == "{") {
+                ahead.remove_prefix(token.raw.size());
+                continue;
+            }
+            const std::size_t start = token.raw.find_first_not_of(" \r\n");
+            if (start == std::string_view::npos) {
+                ahead.remove_prefix(token.raw.size());
+                continue;
+            }
+            const std::string_view text = token.raw.substr(start);
+            const auto end = std::find_if_not(text.begin(), text.end(), isLetter);
+            std::string word(text.begin(), end);
+            std::transform(word.begin(), word.end(), word.begin(), [](char c) { return static_cast<char>(c & ~0x20); });
+            return end != text.end() && *end == ' ' && isOneOf(word, kHarmlessFields);
+        }
+        return false;
+    }
+
+    bool isDropped(const Token& token) const {
+        return isOneOf(token.name, kDroppedGroups) || (token.name == "fldinst" && !isHarmlessField()) ||
+               (token.name == "pict" && pictures_ == RtfPictures::kDropped);
+    }
+
+    std::string_view rest_;
+    RtfPictures pictures_;
+    std::string out_;
+};
+
+}  // namespace
+
+std::string guardRtf(std::string_view rtf, const PageSetup& setup, RtfPictures pictures) {
+    return Guard(rtf, setup, pictures).run();
+}
+
+}  // namespace ternview

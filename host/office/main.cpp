@@ -1,0 +1,193 @@
+// ternview-office: the office suite behind a gate. It is started by ternview, serves one document after the other, and ends with
+// it. It is a program of its own so that the suite's hundred libraries meet none of ternview's, and so that hidden modes are no
+// part of ternview's command line.
+
+#include <dlfcn.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <LibreOfficeKit/LibreOfficeKit.h>
+
+#include "frames.h"
+#include "office_messages.h"
+#include "office_sandbox.h"
+
+namespace {
+
+using namespace ternview;
+namespace fs = std::filesystem;
+
+constexpr unsigned kLongestTimeLimit = 86400;
+// The suite grows a little with every document, and gets slower: by half within 500. A new process costs a second.
+constexpr int kDocumentsPerProcess = 250;
+
+// Macros never run, links are neither followed nor brought up to date, nothing is saved behind one's back.
+constexpr char kProfile[] = R"(<?xml version="1.0" encoding="UTF-8"?>
+<oor:items xmlns:oor="http://openoffice.org/2001/registry" xmlns:xs="http://www.w3.org/2001/XMLSchema">
+<item oor:path="/org.openoffice.Office.Common/Security/Scripting"><prop oor:name="MacroSecurityLevel" oor:op="fuse"><value>3</value></prop></item>
+<item oor:path="/org.openoffice.Office.Common/Security/Scripting"><prop oor:name="DisableMacrosExecution" oor:op="fuse"><value>true</value></prop></item>
+<item oor:path="/org.openoffice.Office.Common/Security/Scripting"><prop oor:name="BlockUntrustedRefererLinks" oor:op="fuse"><value>true</value></prop></item>
+<item oor:path="/org.openoffice.Office.Writer/Content/Update"><prop oor:name="Link" oor:op="fuse"><value>0</value></prop></item>
+<item oor:path="/org.openoffice.Office.Recovery/AutoSave"><prop oor:name="Enabled" oor:op="fuse"><value>false</value></prop></item>
+<item oor:path="/org.openoffice.Office.Recovery/RecoveryInfo"><prop oor:name="Enabled" oor:op="fuse"><value>false</value></prop></item>
+<item oor:path="/org.openoffice.Office.Common/Misc"><prop oor:name="UseOpenCL" oor:op="fuse"><value>false</value></prop></item>
+</oor:items>
+)";
+
+// Pictures go into the PDF as they are: they are drawn at the page's resolution afterwards.
+constexpr char kPdfOptions[] =
+    R"({"UseLosslessCompression":{"type":"boolean","value":"true"},"ReduceImageResolution":{"type":"boolean","value":"false"}})";
+
+// The suite's PDF export writes glyphs in colour as nothing at all. Without such fonts it takes the glyph of another one.
+constexpr char kFonts[] = R"(<?xml version="1.0"?>
+<!DOCTYPE fontconfig SYSTEM "urn:fontconfig:fonts.dtd">
+<fontconfig>
+<include ignore_missing="yes">/etc/fonts/fonts.conf</include>
+<selectfont><rejectfont><pattern><patelt name="color"><bool>true</bool></patelt></pattern></rejectfont></selectfont>
+</fontconfig>
+)";
+
+LibreOfficeKit* startSuite(const fs::path& suite, const std::string& directory) {
+    const fs::path profile = fs::path(directory) / "profile";
+    fs::create_directories(profile / "user");
+    std::ofstream(profile / "user" / "registrymodifications.xcu") << kProfile;
+    std::ofstream(fs::path(directory) / kOfficeFonts) << kFonts;
+    void* library = nullptr;
+    for (const char* name : {"libsofficeapp.so", "libmergedlo.so"}) {
+        library = library != nullptr ? library : ::dlopen((suite / name).c_str(), RTLD_LAZY);
+    }
+    using Hook = LibreOfficeKit* (*)(const char*, const char*);
+    const auto hook = library != nullptr ? reinterpret_cast<Hook>(::dlsym(library, "libreofficekit_hook_2")) : nullptr;
+    return hook != nullptr ? hook(suite.c_str(), ("file://" + profile.string()).c_str()) : nullptr;
+}
+
+struct Request {
+    bool wantsText;
+    unsigned seconds;
+};
+
+std::optional<Request> parseRequest(std::string_view label) {
+    const bool wantsText = label.starts_with("text ");
+    if (!wantsText && !label.starts_with("pdf ")) {
+        return std::nullopt;
+    }
+    unsigned seconds = 0;
+    const std::string_view digits = label.substr(label.find(' ') + 1);
+    const auto [stop, error] = std::from_chars(digits.data(), digits.data() + digits.size(), seconds);
+    const bool isNumber = error == std::errc() && stop == digits.data() + digits.size();
+    return isNumber && seconds > 0 && seconds <= kLongestTimeLimit ? std::optional(Request{wantsText, seconds}) : std::nullopt;
+}
+
+std::string takeError(LibreOfficeKit& suite) {
+    char* error = suite.pClass->getError(&suite);
+    std::string text = error != nullptr ? error : "";
+    if (error != nullptr) {
+        suite.pClass->freeError(error);
+    }
+    return text.empty() ? "it gives no reason" : text;
+}
+
+struct CloseDocument {
+    void operator()(LibreOfficeKitDocument* document) const { document->pClass->destroy(document); }
+};
+
+/// @return why nothing came of it; empty when the target has been written
+std::string convert(LibreOfficeKit& suite, const fs::path& source, const fs::path& target, bool toText) {
+    const std::unique_ptr<LibreOfficeKitDocument, CloseDocument> document(
+        suite.pClass->documentLoad(&suite, ("file://" + source.string()).c_str()));
+    if (document == nullptr) {
+        return takeError(suite);
+    }
+    const int saved = document->pClass->saveAs(document.get(), ("file://" + target.string()).c_str(), toText ? "txt" : "pdf",
+                                               toText ? "UTF8" : kPdfOptions);
+    return saved != 0 ? "" : takeError(suite);
+}
+
+void answer(LibreOfficeKit& suite, const fs::path& directory, const OfficeMessage& message, const Request& request,
+            FrameWriter& out) {
+    // The suite takes some of a document's nature from the end of its name, so these names are fixed.
+    const fs::path source = directory / "message.rtf";
+    const fs::path target = directory / (request.wantsText ? "message.txt" : "message.pdf");
+    std::ofstream(source, std::ios::binary) << message.bytes;
+    std::signal(SIGALRM, SIG_DFL);  // the end of the process, whatever the suite is at and has set
+    ::alarm(request.seconds);
+    const std::string reason = convert(suite, source, target, request.wantsText);
+    ::alarm(0);
+    std::ifstream stream(target, std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    fs::remove(source);
+    fs::remove(target);
+    if (!reason.empty() || bytes.empty() || bytes.size() > kLargestOfficeMessage) {
+        out.result(reason.empty() ? "nothing to show came of it, or too much" : reason);
+        return;
+    }
+    out.begin(request.wantsText ? FrameKind::kDocument : FrameKind::kPdf);
+    out.data(bytes);
+    out.end();
+}
+
+void serve(LibreOfficeKit*& suite, const fs::path& directory, const fs::path& suiteDirectory, int socket) {
+    const timeval patience{5, 0};  // an asker that was stopped while it wrote must not hold the others up
+    for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
+        ::setsockopt(socket, SOL_SOCKET, option, &patience, sizeof(patience));
+    }
+    const std::optional<OfficeMessage> message = readOfficeMessage(socket);
+    const std::optional<Request> request =
+        message && message->kind == FrameKind::kDocument ? parseRequest(message->label) : std::nullopt;
+    if (!request) {
+        return;
+    }
+    FrameWriter out(socket);
+    // Started with a document at hand only: one that cannot start is that document's failure, not an endless row of attempts.
+    if (suite == nullptr) {
+        suite = startSuite(suiteDirectory, directory);
+    }
+    if (suite == nullptr) {
+        out.result("it does not start");
+        return;
+    }
+    answer(*suite, directory, *message, *request, out);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 4) {
+        std::fputs("ternview-office: this program is started by ternview and is of no use alone\n", stderr);
+        return 2;
+    }
+    const int gate = std::atoi(argv[1]);
+    const fs::path directory = argv[2];
+    const fs::path suiteDirectory = argv[3];
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+    if (!enterOfficeSandbox(directory, suiteDirectory)) {
+        ::_exit(EXIT_FAILURE);
+    }
+    LibreOfficeKit* suite = nullptr;
+    for (int i = 0; i < kDocumentsPerProcess; ++i) {
+        const std::optional<Descriptor> socket = receiveThroughGate(gate);
+        if (!socket) {
+            break;
+        }
+        try {
+            serve(suite, directory, suiteDirectory, socket->get());
+        } catch (const std::exception&) {
+            // The asker has gone; the next one counts.
+        }
+    }
+    ::_exit(EXIT_SUCCESS);  // the suite's own way out takes long and can go wrong
+}

@@ -1,0 +1,42 @@
+// What travels between a process that needs a document laid out and the office process.
+//
+// Every document has a stream socket of its own. The asker makes a pair, sends one end through the office's gate (a socket that
+// all askers share, and in which ends queue until an office process takes them), writes one message, and reads one. A message is
+// an output in the frames of frames.h: an opening frame that says what it is, data, an end.
+//
+//   request   kDocument, label "pdf SECONDS" or "text SECONDS": the RTF, and how long its conversion may take
+//   answer    kPdf or kDocument: what became of it; or kResult: a sentence on why nothing did
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include "descriptor.h"
+#include "frames.h"
+
+namespace ternview {
+
+/// The office process's own font configuration, in its private directory.
+inline constexpr char kOfficeFonts[] = "fonts.conf";
+
+inline constexpr std::size_t kLargestOfficeMessage = std::size_t{512} << 20;
+
+struct OfficeMessage {
+    FrameKind kind;
+    std::string label;
+    std::string bytes;
+};
+
+/// Reads one message. Blocks, for each read as long as the socket's receive timeout says.
+/// @return nothing when the other end went away, said nothing for too long, or sent what is no message
+std::optional<OfficeMessage> readOfficeMessage(int socket);
+
+/// Sends a descriptor through the gate.
+bool sendThroughGate(int gate, int descriptor);
+
+/// Takes the next descriptor out of the gate; waits for it.
+/// @return an empty one when something else came, nothing at all when all senders have gone
+std::optional<Descriptor> receiveThroughGate(int gate);
+
+}  // namespace ternview

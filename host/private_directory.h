@@ -1,0 +1,25 @@
+// A directory for temporary files that nobody else can look into.
+#pragma once
+
+#include <string>
+
+namespace ternview {
+
+/// Lies in $XDG_RUNTIME_DIR, $TMPDIR or /tmp, with mode 0700, and goes with everything that was left in it.
+class PrivateDirectory {
+public:
+    /// @throws JobError when none can be made
+    PrivateDirectory();
+    ~PrivateDirectory();
+    PrivateDirectory(const PrivateDirectory&) = delete;
+    PrivateDirectory& operator=(const PrivateDirectory&) = delete;
+
+    const std::string& path() const { return path_; }
+
+private:
+    bool make(const std::string& parent);
+
+    std::string path_;
+};
+
+}  // namespace ternview

@@ -1,0 +1,419 @@
+// The host's RTF loader: what the office suite makes of a document, what it never gets to see, and how failures stay single.
+
+#include <cairo-pdf.h>
+#include <cairo.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "job.h"
+#include "loaders/laid_out_document.h"
+#include "loaders/rtf_guard.h"
+#include "office/office.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace ternview;
+using namespace std::chrono_literals;
+
+constexpr PageSetup kPaper{800, 1100, 50};
+
+/// Attends to an office as the program does while a job runs.
+class AttendedOffice {
+public:
+    AttendedOffice() : thread_([this] { attend(); }) {}
+    ~AttendedOffice() {
+        done_ = true;
+        thread_.join();
+    }
+    AttendedOffice(const AttendedOffice&) = delete;
+    AttendedOffice& operator=(const AttendedOffice&) = delete;
+
+    void use(std::chrono::seconds limit) { useOffice({office_.gate(), limit}); }
+    pid_t processId() const { return processId_; }
+
+private:
+    void attend() {
+        while (!done_) {
+            pollfd watched{office_.watched(), POLLIN, 0};
+            if (::poll(&watched, 1, 20) == 1) {
+                office_.attend();
+            }
+            processId_ = office_.processId();
+        }
+        office_.stop();
+    }
+
+    Office office_;
+    std::atomic<bool> done_ = false;
+    std::atomic<pid_t> processId_ = 0;
+    std::thread thread_;
+};
+
+class RtfLoader : public testing::Test {
+protected:
+    static void SetUpTestSuite() { s_office = std::make_unique<AttendedOffice>(); }
+    static void TearDownTestSuite() { s_office.reset(); }
+
+    void SetUp() override {
+        s_office->use(60s);
+        std::string path = (fs::temp_directory_path() / "test-rtf-XXXXXX").string();
+        ASSERT_NE(mkdtemp(path.data()), nullptr);
+        root_ = path;
+    }
+    void TearDown() override { fs::remove_all(root_); }
+
+    static std::unique_ptr<AttendedOffice> s_office;
+    fs::path root_;
+};
+std::unique_ptr<AttendedOffice> RtfLoader::s_office;
+
+std::string rtf(const std::string& body) {
+    return "{\\rtf1\\ansi\\ansicpg1252\\deff0\\uc1{\\fonttbl{\\f0\\fswiss\\fcharset0 DejaVu Sans;}{\\f1\\fswiss\\fcharset204 "
+           "DejaVu Sans;}"
+           "{\\f2\\fswiss\\fcharset161 DejaVu Sans;}{\\f3\\fnil\\fcharset134 Noto Sans CJK SC;}{\\f4\\fnil\\fcharset0 Noto Color "
+           "Emoji;}}"
+           "\\pard\\f0\\fs24 " +
+           body + "\\par}";
+}
+
+std::string readFile(const fs::path& path) {
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+/// What the suite reads in a document, without the byte-order mark and the last end of line.
+std::string textOf(const std::string& document) {
+    std::string text = convertInOffice(document, OfficeTarget::kText, usedOffice());
+    EXPECT_TRUE(text.starts_with("\xEF\xBB\xBF"));
+    text.erase(0, 3);
+    text.erase(text.find_last_not_of("\r\n") + 1);
+    return text;
+}
+
+using Surface = std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)>;
+using Context = std::unique_ptr<cairo_t, decltype(&cairo_destroy)>;
+
+/// Number of pixels of one page that the test takes for its colour, given as 0xRRGGBB.
+int count(LaidOutDocument& document, int page, bool (*matches)(std::uint32_t)) {
+    const PaperSize size = document.paperSize(page);
+    const Surface surface(
+        cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(size.width), static_cast<int>(size.height)),
+        &cairo_surface_destroy);
+    const Context context(cairo_create(surface.get()), &cairo_destroy);
+    cairo_set_source_rgb(context.get(), 1, 1, 1);
+    cairo_paint(context.get());
+    document.drawPage(page, context.get());
+    cairo_surface_flush(surface.get());
+    int result = 0;
+    for (int y = 0; y < cairo_image_surface_get_height(surface.get()); ++y) {
+        const unsigned char* row =
+            cairo_image_surface_get_data(surface.get()) + y * cairo_image_surface_get_stride(surface.get());
+        for (int x = 0; x < cairo_image_surface_get_width(surface.get()); ++x) {
+            std::uint32_t pixel;
+            std::memcpy(&pixel, row + 4 * x, sizeof(pixel));
+            result += matches(pixel & 0xFFFFFF) ? 1 : 0;
+        }
+    }
+    return result;
+}
+
+bool isInk(std::uint32_t color) {
+    return color != 0xFFFFFF;
+}
+
+bool isRed(std::uint32_t color) {
+    return color == 0xFF0000;
+}
+
+/// The text of a page as a reader of the PDF that the host makes finds it.
+std::string textOfPdf(LaidOutDocument& document, const fs::path& directory) {
+    const fs::path file = directory / "out.pdf";
+    const PaperSize size = document.paperSize(0);
+    {
+        const Surface surface(cairo_pdf_surface_create(file.c_str(), size.width, size.height), &cairo_surface_destroy);
+        const Context context(cairo_create(surface.get()), &cairo_destroy);
+        for (int page = 0; page < document.pageCount(); ++page) {
+            document.drawPage(page, context.get());
+            cairo_show_page(context.get());
+        }
+    }
+    const std::string command = "pdftotext '" + file.string() + "' '" + (directory / "out.txt").string() + "'";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    return readFile(directory / "out.txt");
+}
+
+/// A red square of 200 pixels.
+std::string redPng() {
+    const Surface surface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, 200, 200), &cairo_surface_destroy);
+    const Context context(cairo_create(surface.get()), &cairo_destroy);
+    cairo_set_source_rgb(context.get(), 1, 0, 0);
+    cairo_paint(context.get());
+    std::string result;
+    const auto append = [](void* target, const unsigned char* data, unsigned int size) {
+        static_cast<std::string*>(target)->append(reinterpret_cast<const char*>(data), size);
+        return CAIRO_STATUS_SUCCESS;
+    };
+    cairo_surface_write_to_png_stream(surface.get(), append, &result);
+    return result;
+}
+
+/// A server on this machine that notices whether anybody ever comes.
+class Listener {
+public:
+    Listener() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof(address);
+        EXPECT_EQ(::bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+        EXPECT_EQ(::listen(socket_.get(), 8), 0);
+        EXPECT_EQ(::getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+        address_ = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/p.png";
+    }
+    const std::string& address() const { return address_; }
+    bool wasCalled() const {
+        pollfd waiting{socket_.get(), POLLIN, 0};
+        return ::poll(&waiting, 1, 0) != 0;
+    }
+
+private:
+    Descriptor socket_;
+    std::string address_;
+};
+
+/// Runs the action and gives the sentence of the LoadError that it must throw.
+template <typename Action>
+std::string loadErrorOf(Action action) {
+    try {
+        action();
+    } catch (const LoadError& error) {
+        return error.what();
+    }
+    ADD_FAILURE() << "no LoadError";
+    return "";
+}
+
+TEST_F(RtfLoader, TextOfEveryScriptArrives) {
+    const std::string document =
+        rtf("Caf\\'e9 {\\b bold} \\{brace\\}\\par"
+            "\\f1\\u1055?\\u1088?\\u1080?\\u1074?\\u1077?\\u1090? \\'cf\\'f0\\'e8\\'e2\\'e5\\'f2\\par"
+            "\\f2\\u915?\\u949?\\u953?\\u940? \\'c3\\'e5\\'e9\\'dc\\par\\f3\\u20320?\\u22909? "
+            "\\'c4\\'e3\\par\\f4\\u-10179?\\u-8704?");
+    EXPECT_EQ(textOf(document), "Café bold {brace}\nПривет Привет\nΓειά Γειά\n你好 你\n😀");
+    EXPECT_EQ(textOf(guardRtf(document, kPaper)), textOf(document)) << "the guard leaves text alone";
+
+    const auto emoji = layOutRtf(rtf("\\f4\\u-10179?\\u-8704?\\u-10179?\\u-9139?"), kPaper);
+    EXPECT_GT(count(*emoji, 0, isInk), 100);
+
+    const auto laidOut = layOutRtf(document, kPaper);
+    EXPECT_EQ(laidOut->pageCount(), 1);
+    EXPECT_GT(count(*laidOut, 0, isInk), 1000);
+    const std::string text = textOfPdf(*laidOut, root_);
+    for (const char* words : {"Café", "bold", "Привет", "Γειά", "你好"}) {
+        EXPECT_NE(text.find(words), std::string::npos) << words << " in " << text;
+    }
+}
+
+TEST_F(RtfLoader, PagesFollowTheDocumentAndThePaper) {
+    const auto three = layOutRtf(rtf("one\\page two\\page three"), kPaper);
+    ASSERT_EQ(three->pageCount(), 3);
+    for (int page = 0; page < 3; ++page) {
+        EXPECT_GT(count(*three, page, isInk), 50) << page;
+        EXPECT_NEAR(three->paperSize(page).width, 800, 1);
+        EXPECT_NEAR(three->paperSize(page).height, 1100, 1);
+    }
+    const auto own = layOutRtf("{\\rtf1\\ansi\\paperw7500\\paperh6000\\margl300 text\\par}", kPaper);
+    EXPECT_NEAR(own->paperSize(0).width, 500, 1);
+    EXPECT_NEAR(own->paperSize(0).height, 400, 1);
+}
+
+TEST_F(RtfLoader, PicturesInTheDocumentAreShown) {
+    const std::string png = redPng();
+    std::string hex;
+    for (const char c : png) {
+        constexpr char kDigits[] = "0123456789abcdef";
+        hex += kDigits[static_cast<unsigned char>(c) >> 4];
+        hex += kDigits[static_cast<unsigned char>(c) & 15];
+    }
+    const std::string head = "{\\pict\\pngblip\\picw200\\pich200\\picwgoal3000\\pichgoal3000 ";
+    EXPECT_GT(count(*layOutRtf(rtf(head + hex + "}"), kPaper), 0, isRed), 20000);
+    EXPECT_GT(count(*layOutRtf(rtf(head + "\\bin" + std::to_string(png.size()) + " " + png + "}"), kPaper), 0, isRed), 20000);
+}
+
+TEST_F(RtfLoader, NothingIsFetched) {
+    const fs::path picture = root_ / "red.png";
+    std::ofstream(picture, std::ios::binary) << redPng();
+    std::ofstream(root_ / "secret.txt") << "SECRET";
+    std::ofstream(root_ / "secret.rtf") << rtf("SECRET");
+    const Listener listener;
+    const auto field = [](const std::string& instruction) {
+        return "{\\field{\\*\\fldinst " + instruction + "}{\\fldrslt seen}}";
+    };
+    const auto object = [](const std::string& kind, const std::string& file) {
+        return "{\\object" + kind + "\\objupdate\\objw3000\\objh3000{\\*\\objclass Word.Document.8}{\\*\\objalias " + file +
+               "}{\\*\\objdata 0105000001000000}{\\result seen}}";
+    };
+    const std::string local = picture.string();
+    const std::string secret = (root_ / "secret").string();
+    struct {
+        std::string what;
+        std::string body;
+    } const cases[] = {
+        {"local text", field("INCLUDETEXT \"" + secret + ".txt\"")},
+        {"local document", field("INCLUDETEXT \"" + secret + ".rtf\"")},
+        {"local picture", field("INCLUDEPICTURE \"" + local + "\" \\\\d")},
+        {"local picture by URL", field("INCLUDEPICTURE \"file://" + local + "\" \\\\* MERGEFORMATINET")},
+        {"instruction in pieces", field("{INCLUDE}{\\b PICTURE \"" + local + "\"}")},
+        {"instruction in escapes", field("\\'49NCLUDEPICTUR\\u69? \"" + local + "\" \\\\d")},
+        {"instruction in a harmless one", field("HYPERLINK " + field("INCLUDEPICTURE \"" + local + "\" \\\\d"))},
+        {"instruction in binary data", "{\\*\\unknown\\bin3 {\\*}" + field("INCLUDEPICTURE \"" + local + "\" \\\\d")},
+        {"remote picture", field("INCLUDEPICTURE \"" + listener.address() + "\" \\\\d")},
+        {"import", field("IMPORT \"" + local + "\"")},
+        {"link", field("LINK Word.Document.8 \"" + secret + ".rtf\" \"\" \\\\a \\\\r")},
+        {"data source", field("DATABASE \\\\d \"" + secret + ".txt\"")},
+        {"linked object", object("\\objautlink", secret + ".rtf")},
+        {"embedded object", object("\\objemb", secret + ".rtf")},
+    };
+    for (const auto& [what, body] : cases) {
+        const std::string document = rtf("before " + body + " after");
+        const auto laidOut = layOutRtf(document, kPaper);
+        const std::string text = textOfPdf(*laidOut, root_);
+        EXPECT_NE(text.find("before"), std::string::npos) << what << ": " << text;
+        EXPECT_NE(text.find("seen"), std::string::npos) << what << ": " << text;
+        EXPECT_NE(text.find("after"), std::string::npos) << what << ": " << text;
+        EXPECT_EQ(text.find("SECRET"), std::string::npos) << what;
+        EXPECT_EQ(count(*laidOut, 0, isRed), 0) << what;
+        // The process itself is the second wall: it cannot reach what a document that got past the guard would name.
+        EXPECT_EQ(textOf(document).find("SECRET"), std::string::npos) << what;
+    }
+    const std::string template_ = "{\\*\\template " + listener.address() + "}{\\*\\mailmerge{\\mmdatasource " + secret + ".txt}}";
+    EXPECT_NE(textOfPdf(*layOutRtf(rtf(template_ + "body"), kPaper), root_).find("body"), std::string::npos);
+    EXPECT_FALSE(listener.wasCalled());
+}
+
+TEST_F(RtfLoader, GuardKeepsHarmlessFields) {
+    const auto keeps = [](const std::string& instruction) {
+        const std::string field = "{\\field{\\*\\fldinst" + instruction + "}{\\fldrslt x}}";
+        return guardRtf(rtf(field), kPaper).find(field) != std::string::npos;
+    };
+    for (const char* instruction : {" HYPERLINK \"http://example.org\" ", " SYMBOL 74 \\\\f \"Wingdings\" \\\\s 11",
+                                    "{\\rtlch\\fcs1 \\af0 \\insrsid5  PAGE }", "\r\n{ hyperlink \"x\"}"}) {
+        EXPECT_TRUE(keeps(instruction)) << instruction;
+    }
+    for (const char* instruction :
+         {" HYPERLINKS x", " DDEAUTO x", "{HYPER}LINK x", " \\u72?YPERLINK x", "", " INCLUDEPICTURE HYPERLINK x"}) {
+        EXPECT_FALSE(keeps(instruction)) << instruction;
+    }
+}
+
+TEST_F(RtfLoader, DamagedDocumentsGivePagesOrOneSentence) {
+    for (const std::string& bytes : {std::string(), std::string("{\\rt"), std::string("<html><body>{\\rtf1</body></html>"),
+                                     std::string("%PDF-1.4"), std::string("PK\x03\x04{\\rtf1")}) {
+        EXPECT_NE(loadErrorOf([&] { layOutRtf(bytes, kPaper); }).find("no RTF"), std::string::npos) << bytes;
+    }
+    for (const std::string cut : {"", "{\\b", "{\\i{", "\\", "\\'", "\\'e", "}} }", "{\\*\\fldinst X", "{\\pict\\pngblip 8950"}) {
+        const auto laidOut = layOutRtf("{\\rtf1\\ansi what there is " + cut, kPaper);
+        EXPECT_NE(textOfPdf(*laidOut, root_).find("what there is"), std::string::npos) << cut;
+    }
+    const std::string whole = rtf("{\\b text}{\\field{\\*\\fldinst PAGE }{\\fldrslt 1}}{\\pict\\pngblip 89504e47}");
+    std::vector<std::string> damaged{"{\\rtf",
+                                     "{\\rtf1",
+                                     "{\\rtf1}}}}}",
+                                     "{\\rtf1" + std::string(20000, '{'),
+                                     "{\\rtf1\\bin999999999 x",
+                                     "{\\rtf1\\bin-5 x}",
+                                     "{\\rtf1\\paperw-1\\paperh0 x}",
+                                     "{\\rtf1\\u999999999999 x\\'zz\\",
+                                     "{\\rtf1{\\*\\fldinst",
+                                     "{\\rtf1{\\pict\\wmetafile8 ff}x}",
+                                     "{\\rtf1\\trowd\\cellx-5\\cellx99999999 a\\cell\\row}",
+                                     "{\\rtf1 \x80\xFF" + std::string(3, '\0') + "}"};
+    for (std::size_t end = 6; end < whole.size(); end += 23) {
+        damaged.push_back(whole.substr(0, end));
+    }
+    for (const std::string& bytes : damaged) {
+        try {
+            EXPECT_GE(layOutRtf(bytes, kPaper)->pageCount(), 1);
+        } catch (const LoadError& error) {
+            EXPECT_NE(std::string_view(error.what()).find("office suite"), std::string_view::npos) << error.what();
+        }
+    }
+    EXPECT_EQ(textOf(rtf("still there")), "still there");
+}
+
+TEST_F(RtfLoader, OneProcessServesManyDocuments) {
+    EXPECT_EQ(textOf(rtf("first")), "first");
+    const pid_t process = s_office->processId();
+    ASSERT_GT(process, 0);
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(textOf(rtf("number " + std::to_string(i))), "number " + std::to_string(i));
+    }
+    EXPECT_EQ(s_office->processId(), process);
+}
+
+TEST_F(RtfLoader, AnEndedProcessIsOneFailureAndIsStartedAnew) {
+    std::string body;
+    for (int i = 0; i < 100000; ++i) {
+        body += "a rather long document that takes its time \\par ";
+    }
+    const std::string slow = rtf(body);
+    EXPECT_EQ(textOf(rtf("warm")), "warm");
+    const pid_t process = s_office->processId();
+    ASSERT_GT(process, 0);
+    std::thread killer([process] {
+        std::this_thread::sleep_for(300ms);
+        ::kill(process, SIGKILL);
+    });
+    EXPECT_NE(loadErrorOf([&] { layOutRtf(slow, kPaper); }).find("ended early"), std::string::npos);
+    killer.join();
+    EXPECT_EQ(textOf(rtf("again")), "again");
+
+    // Ended while idle: nobody notices.
+    ::kill(s_office->processId(), SIGKILL);
+    EXPECT_EQ(textOf(rtf("and again")), "and again");
+
+    s_office->use(1s);
+    try {
+        layOutRtf(slow, kPaper);
+        ADD_FAILURE() << "no time limit";
+    } catch (const JobError& error) {
+        EXPECT_EQ(error.failure(), Failure::kTimeLimit);
+    }
+    s_office->use(60s);
+    EXPECT_EQ(textOf(rtf("after all")), "after all");
+}
+
+TEST_F(RtfLoader, AMissingSuiteIsNamed) {
+    ::setenv("TERNVIEW_OFFICE", root_.c_str(), 1);
+    try {
+        layOutRtf(rtf("x"), kPaper);
+        ADD_FAILURE() << "no error";
+    } catch (const JobError& error) {
+        EXPECT_EQ(error.failure(), Failure::kOfficeMissing);
+        EXPECT_EQ(error.what(), root_.string());
+    }
+    ::unsetenv("TERNVIEW_OFFICE");
+}
+
+}  // namespace

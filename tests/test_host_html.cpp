@@ -13,11 +13,13 @@
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "loaders/html_charset.h"
+#include "loaders/html_fonts.h"
 #include "loaders/html_guard.h"
 #include "loaders/laid_out_document.h"
 
@@ -304,6 +306,97 @@ TEST(HtmlGuard, BoundsElementsAndText) {
     EXPECT_LT(guardHtml(fonts + repeated("<p>x", 1000)).html.size(), std::size_t{5'000'000});
 }
 
+TEST(HtmlGuard, CollapsesBlanksWhereTheyDoNotCount) {
+    struct Case {
+        const char* html;
+        const char* contained;
+    };
+    for (const Case& c : {
+             Case{"<p>a \t\r\n b</p>", ">a b<"},
+             Case{"<p>a <!-- c --> <o:p> </o:p> b</p>", ">a b<"},
+             Case{"<p>a <b> b</b></p>", ">a <b> b<"},
+             Case{"<pre>a  b\n c</pre>d  e", "a  b\n c</pre>d e"},
+             Case{"<xmp>a  b</xmp>", ">a  b<"},
+             Case{"<pre><b>a  b</b></pre>", ">a  b<"},
+             Case{"<div style='White-Space: pre-wrap'><p>a  b</p></div><p>c  d</p>", ">c d<"},
+             Case{"<div style='White-Space: pre-wrap'><p>a  b</p></div>", ">a  b<"},
+             Case{"<span style='white-space:pre'>a\tb</span>", ">a\tb<"},
+             Case{"<td nowrap style='white-space:nowrap'>a  b", ">a b<"},
+             Case{"<style>.x{white-space:pre-line}</style><p class=x>a\nb</p>", ">a\nb<"},
+         }) {
+        const std::string html = guardHtml(c.html).html;
+        EXPECT_NE(html.find(c.contained), std::string::npos) << c.html << " became " << html;
+    }
+    for (const char* start : {"<p>x", "<pre>x", "<p style='white-space:pre'>x"}) {
+        const SafeHtml html = guardHtml(start + std::string(3'000'000, ' ') + "the end");
+        EXPECT_LT(html.html.size(), 3000U) << start;
+        EXPECT_NE(html.html.find("the end"), std::string::npos) << start;
+        EXPECT_FALSE(html.shortened) << start;
+    }
+}
+
+TEST(HtmlGuard, BoundsWhatTheEngineWillHold) {
+    constexpr std::size_t kMany = 800'000;
+    struct Case {
+        const char* piece;  // each of them at least one element of the engine
+        std::size_t most;   // of them
+    };
+    for (const Case& c : {Case{"a ", 400'000}, Case{"a&#32;", 400'000}, Case{"a&Tab;", 400'000}, Case{"\xE6\x97\xA5", 700'000},
+                          Case{"\xF0\xA0\x80\x80", 700'000}, Case{"<p>", 80'001}}) {
+        const SafeHtml html = guardHtml(repeated(c.piece, kMany));
+        EXPECT_LE(occurrences(html.html, c.piece), c.most) << c.piece;
+        EXPECT_TRUE(html.shortened) << c.piece;
+        EXPECT_LT(html.html.size(), std::size_t{8'000'000}) << c.piece;
+        EXPECT_EQ(html.html.find("  "), std::string::npos) << c.piece;
+    }
+    EXPECT_LT(guardHtml(repeated("<p style=\"" + repeated("a:b;", 5000) + "\">x", 600)).html.size(), std::size_t{12'000'000});
+    // Each element gets a copy of all declarations of its rules.
+    const auto withRule = [](const std::string& selector) {
+        return guardHtml("<style>" + selector + "{" + repeated("a:b;", 1000) + "color:#123456}</style>" +
+                         repeated("<p class='x y'><i>z", 2000));
+    };
+    for (const char* selector : {"p", ".X", "div p", "*", "i", "p.y:first-child", "b ~ p[class]", "p:not(.a b)"}) {
+        EXPECT_EQ(withRule(selector).html.find("#123456"), std::string::npos) << selector;
+    }
+    for (const char* selector : {"b", ".other", "p b", "p.other"}) {
+        EXPECT_NE(withRule(selector).html.find("#123456"), std::string::npos) << selector;
+    }
+    const SafeHtml document =
+        guardHtml(repeated("<p>A paragraph of ordinary length, which nobody would want to lose.</p>\r\n", 20'000));
+    EXPECT_FALSE(document.shortened) << "more than a megabyte of ordinary text";
+}
+
+TEST(HtmlGuard, LongTablesGoOnInAnotherTable) {
+    const SafeHtml html = guardHtml("<table width=500 cellpadding=7>" + repeated("<tr><td>a", 35'000) + "</table>behind");
+    EXPECT_EQ(occurrences(html.html, "<td"), 35'000U);
+    EXPECT_EQ(occurrences(html.html, "padding:7px"), 35'000U);
+    EXPECT_EQ(occurrences(html.html, "<table width=\"500\""), occurrences(html.html, "<table"));
+    EXPECT_EQ(occurrences(html.html, "<table"), occurrences(html.html, "</table>"));
+    EXPECT_NE(html.html.find("</table>behind"), std::string::npos);
+    for (std::size_t at = html.html.find("<table"); at != std::string::npos;) {
+        const std::size_t next = html.html.find("<table", at + 1);
+        EXPECT_LE(occurrences(html.html.substr(at, next - at), "<tr"), 10'000U);
+        at = next;
+    }
+}
+
+TEST(HtmlFonts, AreMadeOnceAndAreFew) {
+    ternview::HtmlFonts fonts;
+    EXPECT_EQ(fonts.create({.families = "Arial, sans-serif", .size = 20}),
+              fonts.create({.families = "'Arial', sans-serif", .size = 20}));
+    EXPECT_NE(fonts.create({.families = "Arial", .size = 20}), fonts.create({.families = "Arial", .size = 20, .italic = true}));
+    std::set<ternview::HtmlFont*> distinct;
+    for (int i = 0; i < 3000; ++i) {
+        const int size = 1 + i % 997;
+        ternview::HtmlFont* font =
+            fonts.create({.families = "Family" + std::to_string(i), .size = size, .weight = 100 + i % 700});
+        EXPECT_GE(font->style().size, size) << i;
+        EXPECT_LE(font->style().size, size * 2 + 7) << i;
+        distinct.insert(font);
+    }
+    EXPECT_LE(distinct.size(), 800U);
+}
+
 TEST(HtmlGuard, ClampsSpansAndLengths) {
     const std::string html =
         guardHtml(
@@ -429,6 +522,44 @@ TEST(HtmlPictures, RefusesHugeOnesBeforeDecoding) {
               0);
 }
 
+std::string vectorImage(const std::string& size, const std::string& content) {
+    return "<img src=\"data:image/svg+xml;base64," +
+           base64("<svg xmlns='http://www.w3.org/2000/svg' xmlns:xlink='http://www.w3.org/1999/xlink' width='" + size +
+                  "' height='" + size + "'>" + content + "</svg>") +
+           "\">";
+}
+
+TEST(HtmlPictures, DrawsVectorsInAProcessOfTheirOwn) {
+    // Text in a picture needs the fonts, which are in use by then.
+    EXPECT_GT(
+        countOf("<p style='color:#00ff00'>x</p>" + vectorImage("90", "<text y='60' font-size='60' fill='red'>H</text>"), kRed),
+        50);
+    EXPECT_EQ(countOf("<div style='width:100px;height:100px;overflow:hidden'>" +
+                          vectorImage("3000", "<rect width='3000' height='3000' fill='red'/>") + "</div>",
+                      kRed),
+              100 * 100)
+        << "too large for the finest drawing";
+}
+
+TEST(HtmlPictures, CostlyVectorsAreMissingAndTheMessageIsNot) {
+    const std::string whole = "width='3000' height='3000'";
+    const std::string noise = "<filter id='f' x='0' y='0' width='1' height='1'>" +
+                              repeated("<feTurbulence baseFrequency='0.05' numOctaves='100000'/>", 50) + "</filter><rect " +
+                              whole + " filter='url(#f)'/>";
+    std::string uses = "<defs><rect id='u0' width='10' height='10' fill='red'/>";
+    for (int i = 1; i < 12; ++i) {
+        uses +=
+            "<g id='u" + std::to_string(i) + "'>" + repeated("<use xlink:href='#u" + std::to_string(i - 1) + "'/>", 10) + "</g>";
+    }
+    uses += "</defs><use xlink:href='#u11'/>";
+    const std::string html = "<p>before" + vectorImage("3000", noise) + "<p>between" + vectorImage("100", uses) + "<p>behind";
+    const std::string text = textOf(html);
+    for (const char* word : {"before", "between", "behind"}) {
+        EXPECT_NE(text.find(word), std::string::npos) << word;
+    }
+    EXPECT_EQ(countOf("<p>x" + vectorImage("100", uses), kRed), 0);
+}
+
 // ---- layout and pages
 
 TEST(HtmlPages, BreakBetweenLines) {
@@ -490,6 +621,27 @@ TEST(HtmlLayout, WideTablesAreScaledToThePaper) {
     const auto document = layOutHtml(html, {}, kPaper);
     EXPECT_LE(Pixels(*document, 0).rightmost(), 800 - 50);
     EXPECT_GT(Pixels(*document, 0).rightmost(), 800 - 64);
+}
+
+TEST(HtmlLayout, OnlyWhatIsTooWideIsScaled) {
+    const std::string plain = "<div style='width:100px;height:20px;background:#00ff00'></div>";
+    const std::string wide =
+        "<table cellpadding=0 cellspacing=0 width=2800><tr><td height=400 style='background:#ff0000'>left<td "
+        "width=200>RIGHTMOST</table>";
+    const auto document = layOutHtml(plain + wide + plain, {}, kPaper);
+    const Pixels page(*document, 0);
+    EXPECT_GE(page.count(kGreen), 100 * (20 + 19)) << "all but a row at the scaled edge";
+    EXPECT_EQ(page.at(60, 55), kGreen);
+    EXPECT_EQ(page.at(60, 50 + 20 + 50), kRed);
+    EXPECT_EQ(page.at(60, 50 + 20 + 100 + 10), kGreen) << "moved up to the scaled table";
+    EXPECT_LE(page.rightmost(), 800 - 50);
+    EXPECT_NE(textOf(plain + wide).find("RIGHTMOST"), std::string::npos);
+
+    const std::string line = "<div style='white-space:nowrap'>" + repeated("word ", 2000) + "LAST</div>";
+    EXPECT_NE(textOf(line).find("LAST"), std::string::npos) << "nothing is cut off, however small it gets";
+    // What stands in one frame keeps its proportions.
+    const auto framed = layOutHtml("<div style='border:1px solid #0000ff;width:2798px'>" + plain + wide + "</div>", {}, kPaper);
+    EXPECT_NEAR(Pixels(*framed, 0).count(kGreen), 100 * 20 / 16, 40);
 }
 
 TEST(HtmlLayout, EastAsianTextAndLongWordsBreak) {

@@ -11,8 +11,9 @@ constexpr double kMaxPixels = 20000;
 constexpr double kMaxRelative = 1000;  // em, %, and other units that are large or multiply
 constexpr std::size_t kMaxSelectorLength = 300;
 constexpr std::size_t kMaxRules = 20000;
-constexpr double kSelectorBudget = 2e8;  // comparisons for one selector at its worst
-constexpr double kSheetBudget = 2e7;     // elements times selectors
+constexpr double kSelectorBudget = 2e8;      // comparisons for one selector at its worst
+constexpr std::size_t kMaxCopies = 600'000;  // of declarations, one for each element that has them
+constexpr double kSheetBudget = 2e7;         // elements times selectors
 
 bool isSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';
@@ -236,6 +237,39 @@ std::vector<std::string> safeSelectors(std::string_view list) {
     return result;
 }
 
+/// How many elements a selector can apply to, by the class or name in its last part.
+std::size_t possibleMatches(std::string_view selector, const ElementCounts& counts, std::size_t elements) {
+    if (selector.find_first_of("\"'") != std::string_view::npos) {
+        return elements;
+    }
+    std::size_t start = selector.size();
+    for (int brackets = 0; start > 0; --start) {
+        const char c = selector[start - 1];
+        brackets += c == ']' || c == ')' ? 1 : c == '[' || c == '(' ? -1 : 0;
+        if (brackets <= 0 && (isSpace(c) || c == '>' || c == '+' || c == '~')) {
+            break;
+        }
+    }
+    std::string_view subject = selector.substr(start);
+    subject = subject.substr(0, subject.find_first_of(":[("));
+    if (const std::size_t dot = subject.find('.'); dot != std::string_view::npos) {
+        subject.remove_prefix(dot);
+    }
+    std::size_t end = subject.starts_with('.') ? 1 : 0;
+    while (end < subject.size() && isWord(subject[end])) {
+        ++end;
+    }
+    const std::string name = lowered(subject.substr(0, end));
+    if (name == "html" || name == "body") {
+        return 1;
+    }
+    const auto found = counts.find(name);
+    if (found != counts.end()) {
+        return found->second;
+    }
+    return name.empty() || name == "." || counts.size() >= kMaxElementCounts ? elements : 0;
+}
+
 std::string withoutComments(std::string_view css) {
     std::string result;
     for (std::size_t at = 0; at < css.size();) {
@@ -294,15 +328,20 @@ void SafeStyleSheet::appendRules(std::string_view css, const std::string& media,
     }
 }
 
-std::string SafeStyleSheet::text(std::size_t elements, std::size_t depth) const {
+std::string SafeStyleSheet::text(std::size_t elements, std::size_t depth, const ElementCounts& counts) const {
     std::string result;
     std::string media;
     double spent = 0;
+    std::size_t copies = 0;
     for (const Rule& rule : m_rules) {
         std::string selectors;
+        const auto declarations = static_cast<std::size_t>(std::ranges::count(rule.declarations, ';')) + 1;
         for (const std::string& selector : rule.selectors) {
             const double cost = static_cast<double>(elements) * worstComparisons(countParts(selector), depth);
-            if (cost <= kSelectorBudget && spent + static_cast<double>(elements) <= kSheetBudget) {
+            const std::size_t copied = declarations * std::min(elements, possibleMatches(selector, counts, elements));
+            if (cost <= kSelectorBudget && spent + static_cast<double>(elements) <= kSheetBudget &&
+                copies + copied <= kMaxCopies) {
+                copies += copied;
                 spent += static_cast<double>(elements);
                 selectors += (selectors.empty() ? "" : ",") + selector;
             }

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace ternview {
@@ -17,6 +18,10 @@ namespace ternview {
  */
 std::string safeDeclarations(std::string_view css, PictureAddresses& addresses);
 
+/// How many elements of a document have a name, and a class, which is counted under "." and its name; all in lower case.
+using ElementCounts = std::unordered_map<std::string, std::size_t>;
+constexpr std::size_t kMaxElementCounts = 20'000;  // when there are as many, not all names are counted
+
 /// Collects the style sheets of a document.
 class SafeStyleSheet {
 public:
@@ -26,8 +31,9 @@ public:
      *
      * @param elements the number of elements, each of which is compared with each selector
      * @param depth how deep elements are nested: a selector of n parts may be compared with each choice of n - 1 ancestors
+     * @param counts of the elements to which rules may apply, each of which gets a copy of their declarations
      */
-    std::string text(std::size_t elements, std::size_t depth) const;
+    std::string text(std::size_t elements, std::size_t depth, const ElementCounts& counts) const;
 
 private:
     struct Rule {

@@ -7,12 +7,13 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 #include <vector>
 
 namespace ternview {
 namespace {
 
-constexpr std::size_t kMaxDepth = 100;  // each word looks for its font, and each line for floats, in all that it stands in
+constexpr std::size_t kMaxDepth = 80;  // each word looks for its font, and each line for floats, in all that it stands in
 constexpr std::size_t kMaxTableDepth = 8;
 constexpr std::size_t kMaxInlines = 32;  // open at one place; each block inside repeats them
 constexpr std::size_t kMaxElements = 80'000;
@@ -25,6 +26,7 @@ constexpr std::size_t kAttributeFactor = 24;
 constexpr std::size_t kMaxMemory = std::size_t{300} << 20;
 constexpr std::size_t kMaxElementMemory = std::size_t{200} << 20;  // the rest is kept for text
 constexpr std::size_t kMaxBlankRun = 1000;                         // where blanks are kept
+constexpr std::size_t kMaxNames = 20'000;                          // of elements and classes
 constexpr std::size_t kMaxStyleBytes = std::size_t{2} << 20;
 constexpr std::size_t kMaxColumns = 1000;
 constexpr std::size_t kMaxGridCells = 300'000;  // of one table, counting covered ones
@@ -182,7 +184,7 @@ private:
         std::vector<InlineTag> pending = std::move(m_pending);
         m_pending.clear();
         for (InlineTag& tag : pending) {
-            if (!countElement(tag.startTag.size()) || m_open.size() >= kMaxDepth) {
+            if (!countElement(tag.name, tag.startTag) || m_open.size() >= kMaxDepth) {
                 break;
             }
             m_body += tag.startTag;
@@ -205,13 +207,41 @@ private:
         }
     }
 
-    bool countElement(std::size_t attributeBytes) {
-        const std::size_t memory = kElementBytes + attributeBytes * kAttributeFactor;
+    /// The names by which rules of style sheets find an element.
+    void countNames(const std::string& name, std::string_view attributes) {
+        constexpr std::string_view kClass = " class=\"";
+        const auto count = [this](std::string wanted) {
+            if (m_counts.size() < kMaxElementCounts || m_counts.contains(wanted)) {
+                ++m_counts[std::move(wanted)];
+            }
+        };
+        count(name);
+        const std::size_t start = attributes.find(kClass);
+        if (start == std::string_view::npos) {
+            return;
+        }
+        std::string found = ".";
+        for (std::size_t i = start + kClass.size(); i < attributes.size(); ++i) {
+            const char c = attributes[i];
+            if (!isSpace(c) && c != '"') {
+                found += c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+            } else if (found.size() > 1) {
+                count(std::exchange(found, "."));
+            }
+            if (c == '"') {
+                break;
+            }
+        }
+    }
+
+    bool countElement(const std::string& name, std::string_view attributes) {
+        const std::size_t memory = kElementBytes + attributes.size() * kAttributeFactor;
         if (m_elements >= kMaxElements || m_elementMemory + memory > kMaxElementMemory) {
             m_shortened = true;
             return false;
         }
         m_elementMemory += memory;
+        countNames(name, attributes);
         ++m_elements;
         return true;
     }
@@ -219,7 +249,7 @@ private:
     /// Writes a start tag and opens its element. `emitted` is the name under which it goes on; without one, which is so for the
     /// parts of a table that is too deep, only its content does.
     bool open(const HtmlToken& token, TagKind kind, const std::string& emitted, const std::string& attributes) {
-        if (m_open.size() >= kMaxDepth || !countElement(attributes.size())) {
+        if (m_open.size() >= kMaxDepth || !countElement(emitted, attributes)) {
             separate();
             return false;
         }
@@ -320,7 +350,7 @@ private:
             resumeInlines();
         }
         const std::string attributes = attributesOf(token);
-        if (!countElement(attributes.size())) {
+        if (!countElement(token.name, attributes)) {
             separate();
             return;
         }
@@ -707,7 +737,7 @@ private:
     SafeHtml finish() {
         std::string& html = m_result.html;
         html = "<!DOCTYPE html><html><head>";
-        const std::string styles = m_styles.text(m_elements, m_depth);
+        const std::string styles = m_styles.text(m_elements, m_depth, m_counts);
         if (!styles.empty()) {
             html += "<style>" + styles + "</style>";
         }
@@ -731,6 +761,7 @@ private:
     std::size_t m_depth = 0;
     std::size_t m_tableDepth = 0;
     std::size_t m_elements = 0;
+    ElementCounts m_counts;
     std::size_t m_elementMemory = 0;
     std::size_t m_pieces = 0;
     std::size_t m_styleBytes = 0;

@@ -98,7 +98,7 @@ bool draw(std::string_view data, double maxPixels, const SharedMemory& memory) {
 }
 
 /// The bytes of data that this process has now, to which the drawing's own are added.
-rlim_t dataBytes() {
+[[maybe_unused]] rlim_t dataBytes() {
     unsigned long pages = 0;
     if (FILE* file = std::fopen("/proc/self/statm", "re")) {
         if (std::fscanf(file, "%*u %*u %*u %*u %*u %lu", &pages) != 1) {

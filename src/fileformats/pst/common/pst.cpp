@@ -10,6 +10,7 @@
 #include "fileformats/pst/common/documentpasses.h"
 #include "fileformats/pst/common/mimeheader.h"
 #include "fileformats/pst/common/mimemessage.h"
+#include "fileformats/pst/common/msgdocument.h"
 #include "fileformats/pst/common/storedocument.h"
 #include "ternbase/ternbase.h"
 
@@ -282,7 +283,7 @@ Status DispatchMessage(const char16_t* fileName, PstFilterData& record, std::uin
                 return DispatchStoreMessage(fileName, record, messageIndex, bodyKind, plainTextOnly);
             case SourceKind::Msg:
                 source = ternkit::kFormatMsg;
-                return ternkit::kUnusable;
+                return DispatchMsgMessage(fileName, record, bodyKind, plainTextOnly);
             case SourceKind::Eml:
                 source = ternkit::kFormatEml;
                 return dispatchInternetMessage(record, bodyKind, fileHandle);

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "mime_builder.h"
+#include "msg_builder.h"
 #include "rtf_compressor.h"
 #include "store_builder.h"
 
@@ -56,6 +57,45 @@ void writeInternetMessages(const SeedFolder& seeds) {
     seeds.add("bare_line_feeds", "From: a\nSubject: b\n c\nContent-Type: text/plain\n\nHello\n");
 }
 
+/// A store in which everything has levels: trees of pages and subnodes, data trees of both kinds, with holes, heaps of many
+/// pages, a BTH, a row matrix in a subnode.
+void writeStoreOfLevels(const SeedFolder& seeds, const SeedFolder& messageSeeds, builder::Layout layout, const char* layoutName) {
+    using namespace builder;
+    constexpr std::size_t severalBlocks = 20'000;
+    constexpr std::uint32_t rows = 300;
+    constexpr NodeId bag = 0x1000001;
+    constexpr NodeId holes = 0x1000021;
+    LayoutOptions options;
+    options.layout = layout;
+    options.encoding = Encoding::None;
+    options.allocationMaps = AllocationMaps::None;
+    options.pageEntries = 4;
+    options.subnodeEntries = 2;
+    StoreBuilder store(options);
+    Folder& inbox = store.addFolder("Inbox");
+    Message& mail = inbox.addMessage({.subject = "Hello", .plainBody = std::string(severalBlocks, 'x')});
+    mail.attach({.name = "a.bin", .data = Bytes(severalBlocks, 0x5A)});
+    mail.attach({.name = "b.bin", .data = Bytes(1, 0x5A)});
+    for (std::uint32_t row = 0; row < rows; ++row) {
+        inbox.addBareRow(bag + 32 * row);
+    }
+    PropertyList list(layout);
+    for (std::uint16_t id = 0x3001; id < 0x3021; ++id) {
+        list.property(id, Bytes(1000, static_cast<std::uint8_t>(id)));
+    }
+    store.addNode(bag, propertyContext(layout, list.properties(), 16));
+    store.beforeTrees([&](StoreWriter& writer) {
+        const auto full = static_cast<std::uint32_t>(writer.measures().maxContent * writer.measures().blocksPerXblock);
+        const BlockId block = writer.addExternalBlock(Bytes(100, 1));
+        const BlockId inner = writer.addExtendedBlock(1, {block}, 100);
+        writer.addNode(holes, {writer.addExtendedBlock(2, {0, inner}, full + 100), 0}, 0);
+    });
+    const Bytes bytes = store.bytes();
+    const std::string text(bytes.begin(), bytes.end());
+    seeds.add(std::string(layoutName) + "_levels", text);
+    messageSeeds.add(std::string(layoutName) + "_levels", "\x01" + text);
+}
+
 /// Stores alone, and behind the byte that names a message.
 void writeStores(const SeedFolder& seeds, const SeedFolder& messageSeeds) {
     using namespace builder;
@@ -67,6 +107,7 @@ void writeStores(const SeedFolder& seeds, const SeedFolder& messageSeeds) {
             options.encoding = encoding;
             options.allocationMaps = AllocationMaps::None;
             options.pageEntries = encoding == Encoding::None ? 2 : 0;
+            options.subnodeEntries = options.pageEntries;
             StoreBuilder store(options);
             Message& mail = store.addFolder("Inbox").addMessage({.subject = "Hello",
                                                                  .subjectPrefix = "RE: ",
@@ -79,6 +120,36 @@ void writeStores(const SeedFolder& seeds, const SeedFolder& messageSeeds) {
             seeds.add(name, text);
             messageSeeds.add(name, "\x01" + text);
             messageSeeds.add(name + "_plain", "\x81" + text);
+        }
+        writeStoreOfLevels(seeds, messageSeeds, layout, layoutName);
+    }
+}
+
+/// Items: the compound file and what it holds go to both targets.
+void writeItems(const SeedFolder& files, const SeedFolder& items) {
+    using namespace msg;
+    const std::string html =
+        "<html><head></head><body><p>caf\xC3\xA9</p><img src=\"cid:a@b\"><img src=\"b.png\"><v:imagedata "
+        "src=\"cid:a@b\"></body></html>";
+    // Stored blocks have no CRC that would stop a mutation.
+    const std::pair<const char*, std::string> bodies[] = {
+        {"html", rtf::Stored(html)},
+        {"wrapped", rtf::Stored(HtmlInRtf(html))},
+        {"rtf", rtf::Compressed("{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}\\pard a.png\\par}")},
+    };
+    for (const auto sectors : {compound::SectorSize::Of512, compound::SectorSize::Of4096}) {
+        for (const auto form : {TextForm::Unicode, TextForm::EightBit}) {
+            MsgBuilder item(form, {sectors, compound::Arrangement::Scattered});
+            item.text(kSubject, "Hello").text(kSenderName, "Ann").text(kSenderSmtpAddress, "a@b").text(kDisplayTo, "Bob");
+            item.text(kBody, "How are you?").time(kClientSubmitTime, 0x01D321C5D1711780).number(kImportance, 2);
+            item.attach({.name = "a.png", .contentId = "a@b", .data = std::string(60, 'Z')});
+            const std::string name = std::string(sectors == compound::SectorSize::Of512 ? "512" : "4096") +
+                                     (form == TextForm::Unicode ? "_wide_" : "_narrow_");
+            for (const auto& [kind, block] : bodies) {
+                const std::string bytes = MsgBuilder(item).binary(kRtfCompressed, block).bytes();
+                files.add(name + kind, bytes);
+                items.add(name + kind, bytes);
+            }
         }
     }
 }
@@ -103,6 +174,7 @@ int main(int argc, char** argv) {
     }
     writeInternetMessages(SeedFolder(fs::path(argv[1]) / "internet_message"));
     writeStores(SeedFolder(fs::path(argv[1]) / "store"), SeedFolder(fs::path(argv[1]) / "store_message"));
+    writeItems(SeedFolder(fs::path(argv[1]) / "compound_file"), SeedFolder(fs::path(argv[1]) / "msg"));
     writeRichText(SeedFolder(fs::path(argv[1]) / "compressed_rtf"), SeedFolder(fs::path(argv[1]) / "rtf_to_html"));
     return 0;
 }

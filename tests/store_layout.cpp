@@ -571,6 +571,11 @@ void StoreImage::mendCrc(const Place& place) {
     }
 }
 
+StoreImage& StoreImage::overwrite(std::size_t offset, std::uint64_t value, std::size_t width) {
+    putAt(m_bytes, offset, value, width);
+    return *this;
+}
+
 StoreImage& StoreImage::resize(std::size_t size) {
     m_bytes.resize(size, 0);
     return *this;

@@ -207,6 +207,8 @@ public:
     /** damage() with a little-endian number of @p width bytes. */
     StoreImage& damageNumber(const std::string& name, std::size_t offset, std::uint64_t value, std::size_t width,
                              Crc crc = Crc::Mend);
+    /** Overwrites bytes of the file that have no name, such as the padding of a block. Nothing is mended. */
+    StoreImage& overwrite(std::size_t offset, std::uint64_t value, std::size_t width);
     /** Cuts the file, or lengthens it with zeros. The header is not told. */
     StoreImage& resize(std::size_t size);
     void write(const std::string& path) const;

@@ -112,6 +112,7 @@ void Reader::data(const node& n) {
     std::vector<byte> page;
     const ulong count = n.get_page_count();
     for (ulong i = 0; i < count; ++i) {
+        entry();
         page.resize(static_cast<std::size_t>(n.get_page_size(i)));
         content(page.size());
         store.dataBytes += n.read(page, i, 0);

@@ -72,7 +72,7 @@ struct ReadStore {
 /// How much is read at most; a hostile store may lead to one block by many ways.
 struct ReadLimits {
     std::uint64_t bytes = std::uint64_t{4} << 30;  // content of nodes, properties and streams
-    std::uint64_t entries = 20'000'000;            // nodes, subnodes, rows, cells, properties
+    std::uint64_t entries = 20'000'000;            // nodes, subnodes, pages, rows, cells, properties
 };
 
 /// Reads the data of every node and of every subnode, nested ones included, through the pages and subnode trees.

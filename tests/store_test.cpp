@@ -72,9 +72,7 @@ std::string thrownBy(const std::function<void()>& action) {
 }
 
 Bytes bytesOf(const node& node) {
-    Bytes bytes(static_cast<std::size_t>(node.size()));
-    bytes.resize(node.ensure_data_block()->read_raw(bytes.data(), bytes.size(), 0));
-    return bytes;
+    return node.ensure_data_block()->read_all();
 }
 
 }  // namespace builder

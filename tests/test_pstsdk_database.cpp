@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <numeric>
 
 #include "pstsdk/codec.h"
 #include "store_test.h"
@@ -55,6 +56,17 @@ TEST(Codec, DecodesWhatTheBuilderEncodes) {
         disk::cyclic(bytes.data(), bytes.size(), key);
         EXPECT_EQ(bytes, plain) << key;
     }
+    // Literal results, as the builder has the same tables: the first bytes, worked out one by one, and all values of a byte.
+    Bytes few = {0, 1, 2, 3, 4, 5, 6, 7};
+    disk::cyclic(few.data(), few.size(), 0x1234FFFE);
+    EXPECT_EQ(few, (Bytes{0x62, 0x63, 0x9E, 0x3E, 0x86, 0x6C, 0xC4, 0x8D}));
+    Bytes values(256);
+    std::iota(values.begin(), values.end(), std::uint8_t{0});
+    Bytes cycled = values;
+    disk::cyclic(cycled.data(), cycled.size(), 0x12345678);
+    EXPECT_EQ(disk::compute_crc(cycled.data(), cycled.size()), 0xB2F5B135U);
+    disk::permute(values.data(), values.size());
+    EXPECT_EQ(disk::compute_crc(values.data(), values.size()), 0x6D4E07FEU);
     disk::cyclic(nullptr, 0, 1);
     disk::permute(nullptr, 0);
 }
@@ -157,6 +169,11 @@ TEST_P(StoreForms, DataTreesOfEverySize) {
             EXPECT_EQ(thrownBy([&] { node.read<std::uint16_t>(0, edge); }), "out_of_range: sizeof(T) + offset >= size()");
             EXPECT_EQ(node.read<std::uint8_t>(0, edge), expected[block - 1]);
         }
+        if (size > xblock) {
+            const auto second = static_cast<pstsdk::ulong>(GetParam().layout == Layout::Unicode ? 8347696 : 8335420);
+            EXPECT_EQ(data->read<std::uint8_t>(second), expected[second]);
+            EXPECT_EQ(node.read<std::uint8_t>(static_cast<pstsdk::ulong>(measures.blocksPerXblock), 0), expected[second]);
+        }
     }
 }
 
@@ -187,6 +204,56 @@ TEST_P(StoreForms, SubnodesOfSeveralLevelsNest) {
     EXPECT_EQ(middle.get_parent_id(), 0U);
 }
 
+TEST(Nodes, ACopySharesWhatWasLoadedBefore) {
+    StoreBuilder store(Layout::Unicode, Encoding::Permutative);
+    store.addNode(kNode, {pattern(9000), {{0x801F, {pattern(3), {}}}}});
+    const OpenStore open(store);
+    const pstsdk::node node = open->lookup_node(kNode);
+    const pstsdk::node before(node);  // NOLINT(performance-unnecessary-copy-initialization)
+    pstsdk::data_block* data = node.ensure_data_block();
+    const pstsdk::node after(node);  // NOLINT(performance-unnecessary-copy-initialization)
+    EXPECT_EQ(after.ensure_data_block(), data);
+    EXPECT_NE(before.ensure_data_block(), data);
+    EXPECT_EQ(bytesOf(before), pattern(9000));
+    EXPECT_EQ(bytesOf(before.lookup(0x801F)), pattern(3));
+}
+
+TEST(Trees, WalksGoBothWaysOverEmptyLeaves) {
+    BlockId top = 0;
+    StoreBuilder store(Layout::Unicode, Encoding::None);
+    store.beforeTrees([&](StoreWriter& writer) {
+        // Leaves of 0, 2, 0, 0, 1 and 0 entries; the entries are numbered from 1.
+        Bytes index = {2, 1, 6, 0, 0, 0, 0, 0};
+        std::uint64_t key = 1;
+        for (const std::uint8_t count : Bytes{0, 2, 0, 0, 1, 0}) {
+            Bytes leaf = {2, 0, count, 0, 0, 0, 0, 0};
+            put(index, key, 8);
+            for (std::uint8_t i = 0; i < count; ++i) {
+                put(leaf, key++, 8);
+                put(leaf, 0, 16);
+            }
+            put(index, writer.addInternalBlock(leaf), 8);
+        }
+        top = writer.addInternalBlock(index);
+    });
+    const OpenStore open(store);
+    const auto root = open->read_subnode_block(top);
+    std::vector<pstsdk::node_id> met;
+    auto at = pstsdk::btree_begin<pstsdk::ulong, pstsdk::subnode_info>(*root);
+    const auto first = at;
+    const auto end = pstsdk::btree_end<pstsdk::ulong, pstsdk::subnode_info>(*root);
+    for (; !(at == end); at.leaf->next(at)) {
+        met.push_back(at.leaf->get_key(at.pos));
+    }
+    while (!(at == first)) {
+        at.leaf->prev(at);
+        met.push_back(at.leaf->get_key(at.pos));
+    }
+    EXPECT_EQ(met, (std::vector<pstsdk::node_id>{1, 2, 3, 3, 2, 1}));
+    at.leaf->prev(at);  // in front of the first entry there is nothing to step to
+    EXPECT_TRUE(at == first);
+}
+
 TEST(Nodes, ReadsStayInTheirPage) {
     StoreBuilder store(Layout::Unicode, Encoding::Permutative);
     store.addNode(kNode, {pattern(8180), {}});
@@ -212,6 +279,47 @@ TEST(DataTrees, AnIdOfZeroIsAHoleOfZeroBytes) {
     const Bytes second = pattern(8176);
     expected.insert(expected.end(), second.begin(), second.end());
     EXPECT_EQ(bytesOf(open->lookup_node(kNode)), expected);
+}
+
+/** Blocks of an open store can be changed in memory: the changed tree is a new one as long as somebody holds the old. */
+TEST_P(StoreForms, ChangedTreesLeaveTheOldOnesAlone) {
+    const Measures& measures = measuresOf(GetParam().layout);
+    const std::size_t block = measures.maxContent;
+    const std::size_t xblock = block * measures.blocksPerXblock;
+    StoreBuilder store(options());
+    store.addNode(kNode, {pattern(20000), {}}).addNode(kOther, {pattern(100), {}});
+    const OpenStore open(store);
+    for (const NodeId id : {kNode, kOther}) {
+        const Bytes old = bytesOf(open->lookup_node(id));
+        for (const std::size_t size : {std::size_t{0}, std::size_t{50}, block, block + 1, 2 * block, xblock, xblock + 1}) {
+            SCOPED_TRACE(testing::Message() << old.size() << " to " << size);
+            const auto held = open->read_data_block(open->lookup_node_info(id).data_bid);
+            std::shared_ptr<pstsdk::data_block> changed = held;
+            EXPECT_EQ(held->resize(size, changed), size);
+            EXPECT_NE(changed->get_id(), held->get_id());
+            EXPECT_EQ(pstsdk::is_internal_block(changed->get_id()), size > block);
+            EXPECT_EQ(changed->get_total_size(), size);
+            EXPECT_EQ(changed->get_page_count(), std::max<std::size_t>(1, (size + block - 1) / block));
+            // What is gained is zero, also where the old last block ended; a whole XBLOCK of it reads through holes.
+            Bytes expected = old;
+            expected.resize(size);
+            EXPECT_TRUE(changed->read_all() == expected);
+            if (size > block) {
+                const Bytes twos(20, 2);  // 10 bytes on either side of the end of the first block, or up to the end
+                std::shared_ptr<pstsdk::data_block> written = changed;
+                const std::size_t count = std::min<std::size_t>(twos.size(), size - block + 10);
+                EXPECT_EQ(changed->write_raw(twos.data(), twos.size(), static_cast<pstsdk::ulong>(block - 10), written), count);
+                EXPECT_TRUE(changed->read_all() == expected);
+                std::fill_n(expected.begin() + static_cast<std::ptrdiff_t>(block - 10), count, std::uint8_t{2});
+                EXPECT_TRUE(written->read_all() == expected);
+            }
+            EXPECT_EQ(held->read_all(), old);
+        }
+        const auto held = open->read_data_block(open->lookup_node_info(id).data_bid);
+        std::shared_ptr<pstsdk::data_block> changed = held;
+        EXPECT_EQ(thrownBy([&] { held->resize(xblock * (measures.blocksPerXblock + 1), changed); }),
+                  "runtime_error: size > max_size");
+    }
 }
 
 TEST(DataTrees, BeyondFourGigabytesOfFile) {

@@ -72,6 +72,9 @@ void readNodes(pstsdk::db_context& db) {
     }
 }
 
+/** What a walk over a damaged store still finds: all nodes and messages, all nodes but no message, no node, or something else. */
+enum class Survivors { All, Nodes, None, Other };
+
 struct Case {
     const char* what;
     std::function<void(StoreImage&)> damage;
@@ -80,7 +83,9 @@ struct Case {
     std::function<void(pstsdk::db_context&)> read = readNodes;
 };
 
-void check(const std::vector<Case>& cases, const StoreImage& sound = soundImage()) {
+void check(const std::vector<Case>& cases, const StoreImage& sound = soundImage(), Survivors expected = Survivors::All) {
+    const OpenStore soundStore(sound);
+    const store_reader::ReadStore all = store_reader::readStore(soundStore.file.widePath());
     for (const Case& test : cases) {
         SCOPED_TRACE(test.what);
         StoreImage image = sound;
@@ -88,12 +93,18 @@ void check(const std::vector<Case>& cases, const StoreImage& sound = soundImage(
         const OpenStore open(image);
         const std::string outcome = thrownBy([&] { test.read(*open.db); });
         EXPECT_EQ(outcome.substr(0, std::string(test.outcome).size()), test.outcome) << outcome;
-        // A walk over everything ends as well, whatever it meets.
-        store_reader::readStore(open.file.widePath());
+        const store_reader::ReadStore left = store_reader::readStore(open.file.widePath());
+        const Survivors survivors = left.nodeCount == 0 ? Survivors::None
+                                    : left.nodeCount == all.nodeCount && left.messageCount() == all.messageCount()
+                                        ? Survivors::All
+                                    : left.nodeCount == all.nodeCount && left.messageCount() == 0 ? Survivors::Nodes
+                                                                                                  : Survivors::Other;
+        EXPECT_EQ(survivors, expected) << left.nodeCount << " nodes, " << left.messageCount() << " messages";
     }
 }
 
 constexpr std::size_t kRootOfNodes = 216;  // BREFNBT in the Unicode header: id, offset
+constexpr std::size_t kEndOfFile = 184;    // ibFileEof
 constexpr std::size_t kPageCount = 488;
 
 TEST(Corruption, Pages) {
@@ -105,48 +116,9 @@ TEST(Corruption, Pages) {
              i.damage("nbt root", kPageCount + 1, {0, 1});
          },
          "nothing"},
-        {"page id", [](StoreImage& i) { i.damageNumber("trailer of nbt root", 8, 9999, 8); }, "unexpected_page: wrong page id"},
-        {"second type byte", [](StoreImage& i) { i.damage("trailer of nbt root", 1, {0x80}); },
-         "database_corrupt: ptype != ptype repeat?"},
-        {"both type bytes",
-         [](StoreImage& i) {
-             i.damage("trailer of nbt root", 0, {0x80, 0x80});
-         },
-         "unexpected_page: page_type != page_type_nbt"},
-        {"both type bytes",
-         [](StoreImage& i) {
-             i.damage("trailer of bbt root", 0, {0x81, 0x81});
-         },
-         "unexpected_page: page_type != page_type_bbt"},
-        {"signature",
-         [](StoreImage& i) {
-             i.damage("trailer of nbt root", 2, {1, 2});
-         },
-         "sig_mismatch: page sig mismatch"},
-        {"root at the end of the file",
-         [](StoreImage& i) { i.damageNumber("header", kRootOfNodes + 8, i.bytes().size() - 511, 8); },
-         "unexpected_page: nonsensical page location; past eof"},
-        {"root at an offset that wraps", [](StoreImage& i) { i.damageNumber("header", kRootOfNodes + 8, ~0ULL - 100, 8); },
-         "unexpected_page: nonsensical page location; past eof"},
-        {"root between two sectors", [](StoreImage& i) { i.damageNumber("header", kRootOfNodes + 8, 0x4410, 8); },
-         "unexpected_page: nonsensical page location; not sector aligned"},
-        {"end of the file as announced lies behind its real end",
-         [](StoreImage& i) {
-             const std::size_t end = i.bytes().size();
-             i.damageNumber("header", 184, 1ULL << 40, 8).damageNumber("header", kRootOfNodes + 8, end, 8);
-         },
-         "out_of_range: fread failed"},
-        {"one entry more than a leaf of nodes holds",
-         [](StoreImage& i) { i.damageNumber(nodeEntry(i, kNode).place, kPageCount, 16, 1); }, "database_corrupt"},
+        {"high half of a node id, which does not count",
+         [](StoreImage& i) { damageAt(i, nodeEntry(i, kNode), 4, 0xFFFFFFFF, 4); }, "nothing"},
         {"one entry more than a leaf of blocks holds", [](StoreImage& i) { i.damageNumber("bbt leaf 0", kPageCount, 21, 1); },
-         "database_corrupt"},
-        {"255 children", [](StoreImage& i) { i.damageNumber("nbt root", kPageCount, 255, 1); }, "database_corrupt"},
-        {"no children", [](StoreImage& i) { i.damageNumber("nbt root", kPageCount, 0, 1); }, "key_not_found<ulong>"},
-        {"a root page that is its own child",
-         [](StoreImage& i) {
-             const Place root = i.place("nbt root");
-             i.damageNumber("nbt root", 8, root.id, 8).damageNumber("nbt root", 16, root.address, 8);
-         },
          "database_corrupt"},
         {"a block tree in a circle",
          [](StoreImage& i) {
@@ -155,6 +127,62 @@ TEST(Corruption, Pages) {
          },
          "database_corrupt"},
     });
+    check(
+        {
+            {"a page of nodes as the root of the blocks",
+             [](StoreImage& i) {
+                 i.damage("trailer of bbt root", 0, {0x81, 0x81});
+             },
+             "unexpected_page: page_type != page_type_bbt"},
+            {"root in the last bytes of the file",
+             [](StoreImage& i) { i.damageNumber("header", kEndOfFile, i.place("nbt root").address + 512, 8); }, "nothing",
+             [](pstsdk::db_context& db) { db.read_nbt_root(); }},
+        },
+        soundImage(), Survivors::Nodes);
+    check(
+        {
+            {"page id", [](StoreImage& i) { i.damageNumber("trailer of nbt root", 8, 9999, 8); },
+             "unexpected_page: wrong page id"},
+            {"second type byte", [](StoreImage& i) { i.damage("trailer of nbt root", 1, {0x80}); },
+             "database_corrupt: ptype != ptype repeat?"},
+            {"a page of blocks as the root of the nodes",
+             [](StoreImage& i) {
+                 i.damage("trailer of nbt root", 0, {0x80, 0x80});
+             },
+             "unexpected_page: page_type != page_type_nbt"},
+            {"signature",
+             [](StoreImage& i) {
+                 i.damage("trailer of nbt root", 2, {1, 2});
+             },
+             "sig_mismatch: page sig mismatch"},
+            {"root at the end of the file",
+             [](StoreImage& i) { i.damageNumber("header", kRootOfNodes + 8, i.bytes().size() - 511, 8); },
+             "unexpected_page: nonsensical page location; past eof"},
+            {"root one byte over the end of the file",
+             [](StoreImage& i) { i.damageNumber("header", kEndOfFile, i.place("nbt root").address + 511, 8); },
+             "unexpected_page: nonsensical page location; past eof", [](pstsdk::db_context& db) { db.read_nbt_root(); }},
+            {"root at an offset that wraps", [](StoreImage& i) { i.damageNumber("header", kRootOfNodes + 8, ~0ULL - 100, 8); },
+             "unexpected_page: nonsensical page location; past eof"},
+            {"root between two sectors", [](StoreImage& i) { i.damageNumber("header", kRootOfNodes + 8, 0x4410, 8); },
+             "unexpected_page: nonsensical page location; not sector aligned"},
+            {"end of the file as announced lies behind its real end",
+             [](StoreImage& i) {
+                 const std::size_t end = i.bytes().size();
+                 i.damageNumber("header", kEndOfFile, 1ULL << 40, 8).damageNumber("header", kRootOfNodes + 8, end, 8);
+             },
+             "out_of_range: fread failed"},
+            {"one entry more than a leaf of nodes holds",
+             [](StoreImage& i) { i.damageNumber(nodeEntry(i, kNode).place, kPageCount, 16, 1); }, "database_corrupt"},
+            {"255 children", [](StoreImage& i) { i.damageNumber("nbt root", kPageCount, 255, 1); }, "database_corrupt"},
+            {"no children", [](StoreImage& i) { i.damageNumber("nbt root", kPageCount, 0, 1); }, "key_not_found<ulong>"},
+            {"a root page that is its own child",
+             [](StoreImage& i) {
+                 const Place root = i.place("nbt root");
+                 i.damageNumber("nbt root", 8, root.id, 8).damageNumber("nbt root", 16, root.address, 8);
+             },
+             "database_corrupt"},
+        },
+        soundImage(), Survivors::None);
 }
 
 TEST(Corruption, Blocks) {
@@ -195,6 +223,8 @@ TEST(Corruption, Blocks) {
          "unexpected_block"},
         {"fewer bytes than the children hold", [&](StoreImage& i) { i.damageNumber(xblock, 4, 10, 4); }, "nothing"},
         {"gigabytes in three blocks", [&](StoreImage& i) { i.damageNumber(xblock, 4, kGigabytes, 4); }, "unexpected_block"},
+        {"gigabytes, of which the first page is read", [&](StoreImage& i) { i.damageNumber(xblock, 4, kGigabytes, 4); },
+         "nothing", [](pstsdk::db_context& db) { EXPECT_EQ(db.lookup_node(kNode).get_page_size(0), 8176U); }},
         {"more bytes than the children hold", [&](StoreImage& i) { i.damageNumber(xblock, 4, 24529, 4); }, "unexpected_block"},
     });
 }
@@ -208,15 +238,6 @@ TEST(Corruption, AnsiPagesAndBlocks) {
             {"checksums",
              [&](StoreImage& i) { i.damageNumber("trailer of " + block, 8, 0, 4).damageNumber("trailer of nbt root", 8, 0, 4); },
              "nothing"},
-            {"page id", [](StoreImage& i) { i.damageNumber("trailer of nbt root", 4, 9999, 4); },
-             "unexpected_page: wrong page id"},
-            {"page signature",
-             [](StoreImage& i) {
-                 i.damage("trailer of nbt root", 2, {1, 2});
-             },
-             "sig_mismatch: page sig mismatch"},
-            {"one entry more than a leaf of nodes holds", [](StoreImage& i) { i.damageNumber("nbt leaf 0", pageCount, 32, 1); },
-             "database_corrupt"},
             {"one entry more than a leaf of blocks holds", [](StoreImage& i) { i.damageNumber("bbt leaf 0", pageCount, 42, 1); },
              "database_corrupt"},
             {"block id", [&](StoreImage& i) { i.damageNumber("trailer of " + block, 4, 4, 4); },
@@ -227,6 +248,19 @@ TEST(Corruption, AnsiPagesAndBlocks) {
              [](StoreImage& i) { i.damageNumber("subnode leaf 0 of node 0x1000001", 2, 682, 2); }, "unexpected_block"},
         },
         soundImage(Layout::Ansi));
+    check(
+        {
+            {"page id", [](StoreImage& i) { i.damageNumber("trailer of nbt root", 4, 9999, 4); },
+             "unexpected_page: wrong page id"},
+            {"page signature",
+             [](StoreImage& i) {
+                 i.damage("trailer of nbt root", 2, {1, 2});
+             },
+             "sig_mismatch: page sig mismatch"},
+            {"one entry more than a leaf of nodes holds", [](StoreImage& i) { i.damageNumber("nbt leaf 0", pageCount, 32, 1); },
+             "database_corrupt"},
+        },
+        soundImage(Layout::Ansi), Survivors::None);
 }
 
 TEST(Corruption, Subnodes) {
@@ -368,9 +402,9 @@ TEST(Corruption, Tables) {
             {
                 {"nothing", [](StoreImage&) {}, "nothing", readTable},
                 {"signature", set(0, 0x7D, 1), "sig_mismatch: heap_sig_tc expected", readTable},
-                {"row width of 0", set(rowWidth, 0, 2), "database_corrupt", readTable},
+                {"row width of 0", set(rowWidth, 0, 2), "database_corrupt: row without room for its id", readTable},
                 {"row wider than the matrix", set(rowWidth, 0xFFFF, 2), inHeap ? "nothing" : "database_corrupt", readTable},
-                {"row without room for its id", set(rowWidth, 3, 2), "database_corrupt", readTable},
+                {"row without room for its id", set(rowWidth, 3, 2), "database_corrupt: row without room for its id", readTable},
                 {"bitmap behind the row", set(bitmapStart, 0xFFF0, 2), "database_corrupt", readTable},
                 {"more columns than described", set(1, 255, 1), "database_corrupt", readTable},
                 {"cell behind the row", set(firstColumn + 4, 0xFFFC, 2), "database_corrupt", readTable},
@@ -403,45 +437,185 @@ TEST(Corruption, AStreamPassesOnWhatTheStoreThrows) {
     EXPECT_EQ(thrownBy([&] { stream.read(reinterpret_cast<char*>(bytes.data()), 20000); }), "sig_mismatch: block sig mismatch");
 }
 
-/** Ten kilobytes that announce gigabytes: the size of the store must bound the work and the memory. */
-TEST(Corruption, SmallStoresThatAnnounceGigabytes) {
-    const auto readOf = [](const std::function<BlockId(StoreWriter&)>& make, Bytes* read = nullptr) {
+/**
+ * What a few kilobytes can ask for: trees that share their branches, blocks and records that repeat, holes. The size of the file
+ * bounds what is loaded, so each of these ends at once, and the sanitized run would not survive most of them otherwise.
+ */
+class SmallStores : public testing::Test {
+protected:
+    using Make = std::function<StoreWriter::Written(StoreWriter&)>;
+    static constexpr std::uint32_t kFullXblock = 1021 * 8176;
+
+    /** A store of kNode alone. */
+    static OpenStore storeOf(const Make& make) {
         LayoutOptions options;
         options.allocationMaps = AllocationMaps::None;
         StoreBuilder store(options);
-        const NodeContent content = propertyContext(Layout::Unicode, {{0x1000, {kBinary, Bytes(4000, 1)}}});
-        store.beforeTrees([&](StoreWriter& writer) {
-            const BlockId bag = writer.addDataTree(content.data, "bag");
-            const BlockId value = make(writer);
-            writer.addNode(kNode, {bag, writer.addSubnodeTree({{kSub, value, 0}}, "bag")}, 0);
-        });
-        const StoreImage image = store.image();
-        EXPECT_LT(image.bytes().size(), 40000U);
-        const OpenStore open(image);
-        return thrownBy([&] {
-            Bytes bytes = pstsdk::property_bag(open->lookup_node(kNode)).read_bytes(0x1000);
-            if (read != nullptr) {
-                *read = std::move(bytes);
-            }
-        });
+        store.beforeTrees([&](StoreWriter& writer) { writer.addNode(kNode, make(writer), 0); });
+        return OpenStore(store);
+    }
+    static std::string classThrownBy(const std::function<void()>& action) {
+        const std::string thrown = thrownBy(action);
+        return thrown.substr(0, thrown.find(':'));
+    }
+    /** XBLOCKs on one another, each with 1021 times the next one, above one block of a page. */
+    static BlockId tower(StoreWriter& writer, int levels, std::uint32_t announced) {
+        BlockId block = writer.addExternalBlock(Bytes(8176, 1));
+        for (int level = 0; level < levels; ++level) {
+            block = writer.addExtendedBlock(1, std::vector<BlockId>(1021, block), kFullXblock);
+        }
+        return writer.addExtendedBlock(2, std::vector<BlockId>(600, block), announced);
+    }
+};
+
+TEST_F(SmallStores, DataTreesThatAreLargerThanTheirFile) {
+    struct Tree {
+        const char* what;
+        std::function<BlockId(StoreWriter&)> make;
+        std::uint32_t size;
+        const char* outcome;
     };
-    const auto startsWith = [](const std::string& text, const char* start) { return text.starts_with(start); };
-    // Over holes, over one child again and again, and over nothing.
-    EXPECT_PRED2(startsWith,
-                 readOf([](StoreWriter& writer) { return writer.addExtendedBlock(2, std::vector<BlockId>(600, 0), kGigabytes); }),
-                 "unexpected_block");
-    EXPECT_PRED2(startsWith, readOf([](StoreWriter& writer) {
-                     const BlockId leaf = writer.addExternalBlock(Bytes(8176, 1));
-                     const BlockId inner = writer.addExtendedBlock(1, std::vector<BlockId>(1021, leaf), 1021 * 8176);
-                     return writer.addExtendedBlock(2, std::vector<BlockId>(600, inner), kGigabytes);
-                 }),
-                 "unexpected_block");
-    EXPECT_PRED2(startsWith, readOf([](StoreWriter& writer) { return writer.addExtendedBlock(1, {}, kGigabytes); }),
-                 "unexpected_block");
-    // Few holes are no damage.
-    Bytes read;
-    EXPECT_EQ(readOf([](StoreWriter& writer) { return writer.addExtendedBlock(2, {0, 0}, 2 * 1021 * 8176); }, &read), "nothing");
-    EXPECT_EQ(read, Bytes(2 * 1021 * 8176, 0));
+    for (const Tree& test : {
+             Tree{"holes", [](StoreWriter& w) { return w.addExtendedBlock(2, std::vector<BlockId>(600, 0), kGigabytes); },
+                  kGigabytes, "database_corrupt"},
+             Tree{"one block again and again", [](StoreWriter& w) { return tower(w, 1, kGigabytes); }, kGigabytes,
+                  "database_corrupt"},
+             Tree{"many levels", [](StoreWriter& w) { return tower(w, 29, kGigabytes); }, kGigabytes, "database_corrupt"},
+             Tree{"no children", [](StoreWriter& w) { return w.addExtendedBlock(1, {}, kGigabytes); }, kGigabytes,
+                  "out_of_range"},
+             Tree{"few holes, which are no damage",
+                  [](StoreWriter& w) {
+                      return w.addExtendedBlock(2, {0, 0}, 2 * kFullXblock);
+                  },
+                  2 * kFullXblock, "nothing"},
+         }) {
+        SCOPED_TRACE(test.what);
+        const NodeContent bag = propertyContext(Layout::Unicode, {{0x1000, {kBinary, Bytes(4000, 1)}}});
+        const OpenStore open = storeOf([&](StoreWriter& writer) {
+            const BlockId heap = writer.addDataTree(bag.data, "bag");
+            return StoreWriter::Written{heap, writer.addSubnodeTree({{kSub, test.make(writer), 0}}, "bag")};
+        });
+        const pstsdk::property_bag read(open->lookup_node(kNode));
+        // The size is told as it stands. Only where memory would be taken for it, it is held against the file.
+        EXPECT_EQ(read.prop_size(0x1000), test.size);
+        Bytes bytes;
+        EXPECT_EQ(classThrownBy([&] { bytes = read.read_bytes(0x1000); }), test.outcome);
+        pstsdk::hnid_stream_device stream = read.open_prop(0x1000);
+        if (test.size == kGigabytes) {
+            EXPECT_EQ(classThrownBy([&] { stream.seek(0, std::ios_base::end); }), "unexpected_block");
+        } else {
+            EXPECT_EQ(stream.seek(0, std::ios_base::end), test.size);
+            EXPECT_EQ(bytes, Bytes(test.size, 0));
+        }
+    }
+}
+
+TEST_F(SmallStores, PagesBehindTheAnnouncedSize) {
+    const OpenStore open = storeOf([](StoreWriter& writer) { return StoreWriter::Written{tower(writer, 1, 8176), 0}; });
+    const pstsdk::node node = open->lookup_node(kNode);
+    EXPECT_EQ(node.get_page_size(0), 8176U);  // what lies in front of the damage survives
+    EXPECT_EQ(classThrownBy([&] {
+                  for (pstsdk::ulong page = 1; page < 1000; ++page) {
+                      node.get_page_size(page);
+                  }
+              }),
+              "database_corrupt");
+}
+
+TEST_F(SmallStores, HolesOfManyNodes) {
+    LayoutOptions options;
+    options.allocationMaps = AllocationMaps::None;
+    StoreBuilder store(options);
+    store.beforeTrees([](StoreWriter& writer) {
+        const BlockId holes = writer.addExtendedBlock(2, std::vector<BlockId>(4, 0), 4 * kFullXblock);
+        for (NodeId i = 0; i < 50; ++i) {
+            writer.addNode(kNode + 32 * i, {holes, 0}, 0);
+        }
+    });
+    const OpenStore open(store);
+    const store_reader::ReadStore read = store_reader::readStore(open.file.widePath());
+    EXPECT_GE(read.dataBytes, 32U << 20);
+    EXPECT_LE(read.dataBytes, 64U << 20);
+    EXPECT_EQ(read.exceptions.at("pstsdk::database_corrupt: more bytes in holes than a store may have"), 48U);
+}
+
+TEST_F(SmallStores, SubnodeBlocksWithoutASizeInATreeOfThirtyLevels) {
+    // The entries stand in the padding of blocks that say they have no content, so that no size adds up.
+    std::vector<BlockId> ids;
+    LayoutOptions options;
+    options.allocationMaps = AllocationMaps::None;
+    options.pageEntries = 20;
+    StoreBuilder store(options);
+    store.beforeTrees([&](StoreWriter& writer) {
+        const auto add = [&](std::uint8_t level, std::uint64_t child) {
+            Bytes block = {2, level, static_cast<std::uint8_t>(level == 0 ? 0 : 2), 0, 0, 0, 0, 0};
+            for (std::uint64_t key = 0; level != 0 && key < 2; ++key) {
+                put(block, key, 8);
+                put(block, child, 8);
+            }
+            block.resize(40);
+            ids.push_back(writer.addInternalBlock(block));
+        };
+        ids.clear();
+        add(0, 0);
+        for (int level = 0; level < 30; ++level) {
+            add(1, ids.back());
+        }
+        writer.addNode(kNode, {0, ids.back()}, 0);
+    });
+    StoreImage image = store.image();
+    for (const BlockId id : ids) {
+        const Field entry = entryOf(image, "bbt", 24, id);
+        const std::uint64_t trailer = getAt(image.content(entry.place), entry.offset + 8, 8) + 48;
+        damageAt(image, entry, 16, 0, 2);
+        image.overwrite(trailer, 0, 2);
+    }
+    const OpenStore open(image);
+    EXPECT_EQ(thrownBy([&] {
+                  const auto root = open->read_subnode_block(ids.back());
+                  const auto end = pstsdk::btree_end<pstsdk::ulong, pstsdk::subnode_info>(*root);
+                  for (auto at = pstsdk::btree_begin<pstsdk::ulong, pstsdk::subnode_info>(*root); !(at == end);
+                       at.leaf->next(at)) {
+                  }
+              }),
+              "database_corrupt: tree larger than what it lies in");
+}
+
+TEST_F(SmallStores, EmptyHeapRecordsWithoutEnd) {
+    // Three levels, each of one item of 440 records that all lead to the next; the last ones lead to no item at all.
+    constexpr std::size_t records = 440;
+    HeapBuilder heap(Layout::Unicode, HeapBuilder::kPropertyContext);
+    HeapId below = 0;
+    for (int level = 0; level < 3; ++level) {
+        Bytes item;
+        for (std::size_t key = 0; key < records; ++key) {
+            put(item, key, 2);
+            put(item, below, 4);
+        }
+        below = heap.add(item);
+    }
+    Bytes header = {0xB5, 2, 6, 3};
+    put(header, below, 4);
+    heap.setRoot(heap.add(header));
+    const OpenStore open = storeOf([&](StoreWriter& writer) {
+        const BlockId page = writer.addDataTree(heap.finish(), "heap");
+        return StoreWriter::Written{writer.addExtendedBlock(1, {page}, 32U << 20), 0};
+    });
+    const pstsdk::property_bag bag(open->lookup_node(kNode));
+    EXPECT_EQ(thrownBy([&] { bag.prop_type(5); }), "key_not_found<ushort>");
+    EXPECT_EQ(thrownBy([&] { bag.list_props(); }), "database_corrupt: tree larger than what it lies in");
+}
+
+TEST_F(SmallStores, RowsInHoles) {
+    const NodeContent table = tableContext(Layout::Unicode, {{0x3602, kInteger32}}, {{1, {}}},
+                                           {TableOptions::Matrix::Subnode, HeapBuilder::kMaxItem, 0});
+    const OpenStore open = storeOf([&](StoreWriter& writer) {
+        const BlockId holes = writer.addExtendedBlock(2, std::vector<BlockId>(4, 0), 4 * kFullXblock);
+        const BlockId heap = writer.addDataTree(table.data, "table");
+        return StoreWriter::Written{heap, writer.addSubnodeTree({{table.subnodes.begin()->first, holes, 0}}, "table")};
+    });
+    const pstsdk::table read(open->lookup_node(kNode));
+    EXPECT_EQ(thrownBy([&] { read->row_count(); }), "database_corrupt: more rows than the file can hold");
 }
 
 }  // namespace

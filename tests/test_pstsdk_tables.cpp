@@ -271,6 +271,18 @@ TEST_P(Layouts, TablesOfEverySize) {
     }
 }
 
+TEST(Tables, RowsDoNotCrossPages) {
+    const std::vector<Column> columns = {{0x0039, kTime}, {0x0100, kInteger16}, {0x0101, kBoolean}};
+    NodeContent content = tableContext(Layout::Unicode, columns, rowsOf(Layout::Unicode, 821));
+    Bytes& matrix = content.subnodes.begin()->second.data;
+    ASSERT_EQ(matrix.size(), 8176U + 8176U + 100U);  // 408 rows of 20 bytes, the same again, 5 rows
+    putAt(matrix, 8176 + 20, 0xABCDEF, 4);
+    NodeStore store(Layout::Unicode, content);
+    const pstsdk::table table(store.node);
+    EXPECT_EQ(table->row_count(), 821U);
+    EXPECT_EQ(table->row_id(409), 0xABCDEFU);
+}
+
 TEST(Tables, KindsThatAreRefused) {
     const NodeContent sound = tableContext(Layout::Unicode, kColumns, {});
     NodeStore gust(Layout::Unicode, sound, 0x730);

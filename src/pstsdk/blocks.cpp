@@ -31,6 +31,23 @@ void block::touch() {
     }
 }
 
+ulonglong block::load_cost() const {
+    const ulonglong units = (m_size + disk::block_alignment - 1) / disk::block_alignment;
+    return std::max<ulonglong>(units, 1) * disk::block_alignment;
+}
+
+std::vector<byte> data_block::read_all() const {
+    constexpr std::size_t first_piece = 1 << 20;
+    const auto total = static_cast<std::size_t>(m_total_size);
+    std::vector<byte> bytes;
+    while (bytes.size() < total) {
+        const std::size_t done = bytes.size();
+        bytes.resize(std::min(total, std::max(first_piece, 2 * done)));
+        read_raw(bytes.data() + done, bytes.size() - done, static_cast<ulong>(done));
+    }
+    return bytes;
+}
+
 void data_block::check_range(ulong offset, std::size_t size) const {
     if (offset >= m_total_size) {
         throw std::out_of_range("offset >= size()");
@@ -86,6 +103,16 @@ std::size_t external_block::resize(std::size_t size, std::shared_ptr<data_block>
     return size;
 }
 
+std::shared_ptr<data_block> extended_block::make_hole(const std::shared_ptr<db_context>& db, const tree_place& place) const {
+    if (m_level == disk::extended_block_level) {
+        place.take_hole(m_child_max_total_size);
+        return db->create_external_block(db, static_cast<std::size_t>(m_child_max_total_size));
+    }
+    // Its own holes are accounted for when they are made.
+    place.take_hole(m_child_max_page_count * (sizeof(block_id) + sizeof(std::shared_ptr<data_block>)));
+    return db->create_extended_block(db, static_cast<std::size_t>(m_child_max_total_size));
+}
+
 std::shared_ptr<data_block>& extended_block::load_child(ulong index) const {
     if (index >= m_child_blocks.size()) {
         throw std::out_of_range("index >= m_child_blocks.size()");
@@ -97,10 +124,9 @@ std::shared_ptr<data_block>& extended_block::load_child(ulong index) const {
         std::shared_ptr<data_block> child;
         if (m_block_info[index] != 0) {
             child = db->read_data_block(m_block_info[index]);
-        } else if (m_level == disk::extended_block_level) {
-            child = db->create_external_block(db, static_cast<std::size_t>(m_child_max_total_size));
+            place.take(child->load_cost());
         } else {
-            child = db->create_extended_block(db, static_cast<std::size_t>(m_child_max_total_size));
+            child = make_hole(db, place);
         }
         if (auto* extended = dynamic_cast<extended_block*>(child.get())) {
             extended->m_place = place;

@@ -28,8 +28,10 @@ public:
     virtual void trim() {}
 
     block_id get_id() const { return m_id; }
-    ulonglong get_address() const { return m_address; }
-    ulonglong get_disk_size() const { return m_size; }
+    /// What loading the block costs its tree: its bytes in the file, without the trailer, but never nothing, as also a block
+    /// that has no content takes a unit of the file and can have entries in its padding. In memory a block is at most six times
+    /// as large, all overheads included: an XBLOCK of 4-byte ids keeps an id of 8 bytes and a pointer of 16 for each.
+    ulonglong load_cost() const;
 
     /// Makes the block one of memory, with an id of its own. @throws std::bad_weak_ptr
     void touch();
@@ -69,6 +71,11 @@ public:
     virtual std::size_t resize(std::size_t size, std::shared_ptr<data_block>& result) = 0;
 
     ulonglong get_total_size() const { return m_total_size; }
+    /// The bytes that the tree can lie in. An extended block may announce anything: where memory or work is sized by its total
+    /// size, that is first compared with this. Holes are not counted, as they take no room in the file.
+    virtual ulonglong get_room() const { return m_total_size; }
+    /// The whole content. The memory grows with what could be read, so that an announced size alone costs nothing.
+    std::vector<byte> read_all() const;
 
     /// A number at an offset of the content. @throws std::out_of_range
     template <typename T>
@@ -125,15 +132,17 @@ struct extended_capacity {
 class extended_block : public data_block, public std::enable_shared_from_this<extended_block> {
 public:
     /// @param level 1 above external blocks, anything else above extended blocks
+    /// @param place the place of a root; load_child gives a child its own
     extended_block(const std::shared_ptr<db_context>& db, const block_info& info, const extended_capacity& capacity, ushort level,
-                   ulonglong total_size, std::vector<block_id> children)
+                   ulonglong total_size, std::vector<block_id> children, tree_place place = {})
         : data_block(db, info, total_size),
           m_child_max_total_size(capacity.child_max_total_size),
           m_child_max_page_count(capacity.child_max_page_count),
           m_max_page_count(capacity.max_page_count),
           m_level(level),
           m_block_info(std::move(children)),
-          m_child_blocks(m_block_info.size()) {}
+          m_child_blocks(m_block_info.size()),
+          m_place(std::move(place)) {}
     extended_block(const extended_block&) = default;
 
     bool is_internal() const override { return true; }
@@ -143,15 +152,19 @@ public:
     std::shared_ptr<external_block> get_page(ulong index) override;
     std::size_t resize(std::size_t size, std::shared_ptr<data_block>& result) override;
 
+    ulonglong get_room() const override { return m_place.capacity().value_or(m_total_size); }
+
     ushort get_level() const { return m_level; }
     /// A child, loaded on first use. The id 0 is a hole: a child of zero bytes that is made in memory.
-    /// @throws std::out_of_range, database_corrupt below the deepest level, and what its reading throws
+    /// @throws std::out_of_range, database_corrupt below the deepest level, in a tree that outgrows the file and in a store of
+    /// too many holes, and what its reading throws
     std::shared_ptr<data_block> get_child_block(ulong index) const { return load_child(index); }
     /// Puts a loaded child in its slot.
     void set_child_block(ulong index, std::shared_ptr<data_block> child) { m_child_blocks.at(index) = std::move(child); }
 
 private:
     std::shared_ptr<data_block>& load_child(ulong index) const;
+    std::shared_ptr<data_block> make_hole(const std::shared_ptr<db_context>& db, const tree_place& place) const;
 
     ulonglong m_child_max_total_size;
     ulong m_child_max_page_count;

@@ -2,6 +2,7 @@
 // as their row index.
 #pragma once
 
+#include <algorithm>
 #include <boost/core/noncopyable.hpp>
 #include <cstddef>
 #include <memory>
@@ -53,6 +54,13 @@ static_assert(sizeof(bth_record<ushort, heap_id>) == 6 && sizeof(bth_record<ulon
 
 inline constexpr byte bth_signature = 0xB5;
 
+// What loading a node costs its tree: the memory of a node of few records, or twice and more that of its records. A node of the
+// smallest kind, one record of 6 bytes, takes 16 bytes of its heap: the record, 2 in the page map and 8 in the node above; so a
+// sound tree costs less than 16 times its heap.
+inline constexpr std::size_t bth_node_cost = 184;
+inline constexpr std::size_t bth_item_byte_cost = 8;
+inline constexpr ulonglong bth_cost_per_heap_byte = 16;
+
 }  // namespace disk
 
 /// A node of a tree. It shares the heap, and has read its records when it is made.
@@ -79,7 +87,7 @@ protected:
     static std::vector<std::pair<K, Value>> read_records(const heap_impl& heap, heap_id id, const tree_place& place) {
         using record = disk::bth_record<K, Value>;
         const std::vector<byte> item = heap.read_item(id);
-        place.take(item.size());
+        place.take(std::max(disk::bth_node_cost, disk::bth_item_byte_cost * item.size()));
         const byte_view bytes(item);
         std::vector<std::pair<K, Value>> records(item.size() / sizeof(record));
         for (std::size_t i = 0; i < records.size(); ++i) {
@@ -155,7 +163,8 @@ std::unique_ptr<bth_node<K, V>> bth_node<K, V>::open_root(const std::shared_ptr<
     if (header.bIdxLevels >= max_tree_levels) {
         throw database_corrupt("tree deeper than 32 levels");
     }
-    return open_node(heap, header.hidRoot, header.bIdxLevels, tree_place(heap->get_node().size()));
+    const ulonglong capacity = disk::bth_cost_per_heap_byte * heap->get_node().ensure_data_block()->get_room();
+    return open_node(heap, header.hidRoot, header.bIdxLevels, tree_place(capacity));
 }
 
 template <typename K, typename V>

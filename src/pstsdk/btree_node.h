@@ -99,10 +99,18 @@ public:
     void prev(btree_iter<K, V>& iter) const override {
         if (iter.pos > 0) {
             --iter.pos;
-        } else if (!iter.path.empty()) {
+            return;
+        }
+        // A walk that finds nothing but empty leaves in front of the first entry stays there.
+        const btree_iter<K, V> start = iter;
+        do {
+            if (!leads_back(iter)) {
+                iter = start;
+                return;
+            }
             iter.leaf = nullptr;
             iter.path.back().first->prev(iter);
-        }
+        } while (iter.leaf->num_values() == 0);
     }
 
     /// @throws std::out_of_range
@@ -112,6 +120,15 @@ private:
     static bool leads_on(const btree_iter<K, V>& iter) {
         for (const auto& [node, pos] : iter.path) {
             if (pos < node->num_values() - 1) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    static bool leads_back(const btree_iter<K, V>& iter) {
+        for (const auto& step : iter.path) {
+            if (step.second > 0) {
                 return true;
             }
         }

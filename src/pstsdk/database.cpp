@@ -279,10 +279,6 @@ block_id database_impl<T>::alloc_bid(block_kind kind) {
 
 namespace {
 
-/// How far a data tree may be larger than the file. A hole is a child that reads as zero bytes and takes no room; nobody writes
-/// many of them, and without a bound a few bytes could ask for gigabytes.
-constexpr ulonglong max_bytes_in_holes = 32 << 20;
-
 template <typename T>
 extended_capacity capacity_of(ushort level) {
     using layout = disk::layout<T>;
@@ -389,12 +385,10 @@ std::shared_ptr<extended_block> database_impl<T>::read_extended_block(const shar
     const std::vector<byte> data = read_block_data(info);
     const byte_view room = byte_view(data).part(0, data.size() - layout::block_trailer_size);
     const auto header = room.read<disk::extended_block_header>(0);
-    if (header.lcbTotal > m_file.length() + max_bytes_in_holes) {
-        throw unexpected_block("data tree larger than the file");
-    }
     return std::make_shared<extended_block>(
         db, info, capacity_of<T>(header.cLevel), header.cLevel, header.lcbTotal,
-        block_entries<T, block_id>(room, sizeof(header), header.cEnt, [](T id) { return block_id{id}; }));
+        block_entries<T, block_id>(room, sizeof(header), header.cEnt, [](T id) { return block_id{id}; }),
+        tree_place(m_file.length(), m_hole_bytes_left));
 }
 
 template <typename T>

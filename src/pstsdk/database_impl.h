@@ -99,6 +99,7 @@ private:
 
     file m_file;
     disk::header<T> m_header;
+    std::shared_ptr<ulonglong> m_hole_bytes_left = std::make_shared<ulonglong>(max_bytes_in_holes);
     std::shared_ptr<bbt_page> m_bbt_root;
     std::shared_ptr<nbt_page> m_nbt_root;
 };

@@ -12,7 +12,7 @@ subnode_block* subnode_nonleaf_block::load_child(ulong pos) const {
         const std::shared_ptr<db_context> db = get_db();
         const tree_place place = m_place.child();
         std::shared_ptr<subnode_block> child = db->read_subnode_block(m_subnode_info[pos].second);
-        place.take(child->get_disk_size());
+        place.take(child->load_cost());
         child->set_place(place);
         slot = std::move(child);
     }
@@ -20,18 +20,12 @@ subnode_block* subnode_nonleaf_block::load_child(ulong pos) const {
 }
 
 node_impl::node_impl(std::shared_ptr<db_context> db, const node_info& info)
-    : m_id(info.id),
-      m_data_bid(info.data_bid),
-      m_sub_bid(info.subnode_bid),
-      m_stored_parent_id(info.parent_id),
-      m_parent_id(info.parent_id),
-      m_db(std::move(db)) {}
+    : m_id(info.id), m_data_bid(info.data_bid), m_sub_bid(info.subnode_bid), m_parent_id(info.parent_id), m_db(std::move(db)) {}
 
 node_impl::node_impl(std::shared_ptr<node_impl> container, const subnode_info& info)
     : m_id(info.id),
       m_data_bid(info.data_bid),
       m_sub_bid(info.subnode_bid),
-      m_stored_parent_id(0),
       m_parent_id(0),
       m_container(std::move(container)),
       m_db(m_container->m_db) {}

@@ -26,8 +26,6 @@ public:
 
     node_id get_id() const { return m_id; }
     node_id get_parent_id() const { return m_parent_id; }
-    /// The parent as the node tree has it.
-    node_id get_stored_parent_id() const { return m_stored_parent_id; }
     data_block* ensure_data_block();
     node lookup(node_id id);
 
@@ -35,7 +33,6 @@ private:
     node_id m_id;
     block_id m_data_bid;
     block_id m_sub_bid;
-    node_id m_stored_parent_id;
     std::shared_ptr<data_block> m_data;
     std::shared_ptr<subnode_block> m_subnodes;
     node_id m_parent_id;

@@ -18,9 +18,6 @@ class page {
 public:
     page(const std::shared_ptr<db_context>& db, const page_info& info) : m_db(db), m_pid(info) {}
 
-    page_id get_page_id() const { return m_pid.id; }
-    ulonglong get_address() const { return m_pid.address; }
-
 protected:
     std::weak_ptr<db_context> m_db;
     page_info m_pid;

@@ -5,7 +5,14 @@
 namespace pstsdk {
 
 ulonglong hnid_stream_device::size() const {
-    return m_is_heap ? m_heap->size(m_hid) : m_node->size();
+    if (m_is_heap) {
+        return m_heap->size(m_hid);
+    }
+    const data_block* data = m_node->ensure_data_block();
+    if (data->get_total_size() > data->get_room() + max_bytes_in_holes) {
+        throw unexpected_block("data tree larger than the file");
+    }
+    return data->get_total_size();
 }
 
 std::streamsize hnid_stream_device::read(char* buffer, std::streamsize count) {
@@ -52,10 +59,7 @@ std::vector<byte> hnid_value::read() const {
     if (is_heap_item()) {
         return m_heap->read_item(m_hnid);
     }
-    const node subnode = m_heap->get_node().lookup(m_hnid);
-    std::vector<byte> bytes(static_cast<std::size_t>(subnode.size()));
-    subnode.ensure_data_block()->read_raw(bytes.data(), bytes.size(), 0);
-    return bytes;
+    return m_heap->get_node().lookup(m_hnid).ensure_data_block()->read_all();
 }
 
 hnid_stream_device hnid_value::open() const {

@@ -31,6 +31,8 @@ public:
     boost::iostreams::stream_offset seek(boost::iostreams::stream_offset offset, std::ios_base::seekdir way);
 
 private:
+    /// @throws unexpected_block when the node announces more than could be read, as a position at the end is how readers learn
+    /// what memory to take
     ulonglong size() const;
 
     std::int64_t m_heap_position = 0;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <unordered_map>
@@ -100,8 +99,8 @@ std::vector<prop_id> basic_table<T>::column_list() const {
 template <typename T>
 std::size_t basic_table<T>::row_width() const {
     const std::size_t width = m_offsets[disk::tci_bm];
-    if (width == 0) {
-        throw database_corrupt("row width of 0");
+    if (width < sizeof(ulong)) {
+        throw database_corrupt("row without room for its id");
     }
     return width;
 }
@@ -120,15 +119,16 @@ ulong basic_table<T>::row_count() const {
     if (!m_row_node) {
         return m_row_bytes.empty() ? 0 : static_cast<ulong>(m_row_bytes.size() / row_width());
     }
-    if (m_row_node->size() == 0) {
+    const data_block* data = m_row_node->ensure_data_block();
+    if (data->get_total_size() == 0) {
         return 0;
     }
-    const ulong last_page = m_row_node->get_page_count() - 1;
-    const ulonglong count = ulonglong{last_page} * rows_per_page() + m_row_node->get_page_size(last_page) / row_width();
-    if (count > std::numeric_limits<ulong>::max()) {
-        throw database_corrupt("more rows than row numbers");
+    // Callers walk over as many rows as there are said to be. Rows stand in the file, never in holes.
+    if (data->get_total_size() > data->get_room()) {
+        throw database_corrupt("more rows than the file can hold");
     }
-    return static_cast<ulong>(count);
+    const ulong last_page = m_row_node->get_page_count() - 1;
+    return static_cast<ulong>(last_page * rows_per_page() + m_row_node->get_page_size(last_page) / row_width());
 }
 
 /// A number of a row. @throws std::out_of_range for a row behind the last one, database_corrupt for bytes outside the row

@@ -88,7 +88,6 @@ class const_table_row : public const_property_object {
 public:
     const_table_row(ulong row, std::shared_ptr<table_impl> table) : m_row(row), m_table(std::move(table)) {}
 
-    ulong get_row_number() const { return m_row; }
     ulong get_row_id() const { return m_table->row_id(m_row); }
 
     std::vector<prop_id> list_props() const override;

@@ -10,6 +10,7 @@
 
 #include "fileformats/pst/common/compressedrtf.h"
 #include "fileformats/pst/common/rtftohtml.h"
+#include "fileformats/pst/common/rtfunicode.h"
 #include "rtf_compressor.h"
 
 namespace {
@@ -142,5 +143,23 @@ void RtfToHtmlOfHexRuns(benchmark::State& state) {
     convert(state, rtf);
 }
 BENCHMARK(RtfToHtmlOfHexRuns);
+
+/// A header value in Cyrillic of so many characters, into a document whose fonts are Latin.
+void EscapeCyrillic(benchmark::State& state) {
+    const std::string document = "{\\rtf1\\ansi\\ansicpg1252\\deff0{\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}}\\pard x\\par}";
+    std::string value;
+    for (std::int64_t at = 0; at < state.range(0); ++at) {
+        value += "\xD0\xB6";
+    }
+    for (auto _ : state) {
+        HeaderComposer composer;
+        if (ParseRtfFonts(composer.fonts, document.data(), document.size()) != ternkit::kOk ||
+            EscapeRtfText(composer, value.data(), value.size()) != ternkit::kOk) {
+            state.SkipWithError("the value was refused");
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(EscapeCyrillic)->Arg(1'000)->Arg(10'000)->Arg(100'000);
 
 }  // namespace

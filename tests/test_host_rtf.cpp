@@ -29,6 +29,8 @@
 #include "loaders/laid_out_document.h"
 #include "loaders/rtf_guard.h"
 #include "office/office.h"
+#include "rtf_compressor.h"
+#include "store_builder.h"
 
 namespace {
 
@@ -109,6 +111,19 @@ std::string textOf(const std::string& document) {
     text.erase(0, 3);
     text.erase(text.find_last_not_of("\r\n") + 1);
     return text;
+}
+
+/// What the filter makes of a store's message with an RTF body, through the built program.
+std::string documentOfStore(const fs::path& directory, const builder::MessageFields& fields) {
+    builder::StoreBuilder store(builder::Layout::Unicode, builder::Encoding::Permutative);
+    store.addFolder("Inbox").addMessage(fields);
+    const fs::path path = directory / "mail.pst";
+    const fs::path document = directory / "mail.rtf";
+    store.write(path.string());
+    const std::string command = "'" TERNVIEW_PROGRAM "' document '" + path.string() + "' --strict --lang 0x0409 -o '" +
+                                document.string() + "' > /dev/null";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    return readFile(document);
 }
 
 using Surface = std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)>;
@@ -414,6 +429,29 @@ TEST_F(RtfLoader, AMissingSuiteIsNamed) {
         EXPECT_EQ(error.what(), root_.string());
     }
     ::unsetenv("TERNVIEW_OFFICE");
+}
+
+TEST_F(RtfLoader, HeaderLinesOfEveryScriptReachTheReader) {
+    const std::string block =
+        ::rtf::Compressed("{\\rtf1\\ansi\\ansicpg1252\\deff0{\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}}\\pard Body\\par}");
+    const std::string sender = "Елена Соколова";
+    const std::string to = "Γιώργος Παπαδόπουλος; 王小明";
+    const std::string subject = "Grüße 😀 ok";
+    const std::string document = documentOfStore(root_, {.subject = subject,
+                                                         .rtfCompressed = builder::Bytes(block.begin(), block.end()),
+                                                         .senderName = sender,
+                                                         .to = to,
+                                                         .submitTime = std::nullopt});
+    std::string text = textOf(document);
+    // The suite puts a thin space in front of each of several blanks.
+    constexpr std::string_view kThinSpace = "\xE2\x80\x86";
+    for (std::size_t at = text.find(kThinSpace); at != std::string::npos; at = text.find(kThinSpace, at)) {
+        text.erase(at, kThinSpace.size());
+    }
+    for (const std::string& wanted :
+         {"From:      \t" + sender, "To:        \t" + to, "Subject:   \t" + subject, std::string("Body")}) {
+        EXPECT_NE(text.find(wanted), std::string::npos) << wanted << " in\n" << text;
+    }
 }
 
 }  // namespace

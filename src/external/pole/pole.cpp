@@ -32,6 +32,8 @@ constexpr std::uint64_t kSearchStepsAnyway = 10'000'000;
 
 // In a sound file each byte belongs to one stream at most. The factor leaves room for files that are damaged a little.
 constexpr std::uint64_t kReadingsOfEachByte = 8;
+constexpr std::uint64_t kUsualMiniSector = 64;
+constexpr std::uint64_t kLeastPieces = 1'000'000;
 
 /// The order of a storage's entries: shorter names first. [MS-CFB] compares names of equal length in upper case; the names of
 /// items are written in one way only.
@@ -221,6 +223,7 @@ CompoundResult CompoundFile::readStructures() {
     }
     m_searchSteps = kSearchStepsPerEntry * directory.size() + kSearchStepsAnyway;
     m_claimable = kReadingsOfEachByte * fileSize;
+    m_claimablePieces = m_claimable / kUsualMiniSector + kLeastPieces;
     return CompoundResult::Ok;
 }
 
@@ -364,10 +367,12 @@ const DirectoryEntry* CompoundFile::findEntry(std::string_view path) {
 }
 
 bool CompoundFile::claimBytes(std::uint64_t size) {
-    if (size > fileSize || size > m_claimable) {
+    const std::uint64_t pieces = (size >> (size < header.miniStreamCutoff ? header.miniSectorShift : header.sectorShift)) + 1;
+    if (size > fileSize || size > m_claimable || pieces > m_claimablePieces) {
         return false;
     }
     m_claimable -= size;
+    m_claimablePieces -= pieces;
     return true;
 }
 

@@ -150,8 +150,9 @@ private:
     const DirectoryEntry* entryAt(std::uint64_t index) const;
     const DirectoryEntry* findInStorage(const DirectoryEntry& storage, std::string_view name);
 
-    std::uint64_t m_searchSteps = 0;  // left for all searches together
-    std::uint64_t m_claimable = 0;    // bytes left for claimBytes()
+    std::uint64_t m_searchSteps = 0;      // left for all searches together
+    std::uint64_t m_claimable = 0;        // bytes left for claimBytes()
+    std::uint64_t m_claimablePieces = 0;  // sectors left for it: with tiny ones, each may cost a read of its own
 };
 
 // One stream, made for reading it and gone before its file.

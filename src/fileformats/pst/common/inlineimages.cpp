@@ -239,7 +239,10 @@ Status LocateInlineImage(InlineImageContext& context, const char* location, cons
         }
     }
     // An empty name would match everywhere.
-    return isPresent(location) && findInText(context, location) ? ternkit::kOk : ternkit::kAbsent;
+    if (isPresent(location) && findInText(context, location)) {
+        return ternkit::kOk;
+    }
+    return context.text->isExhausted() ? ternkit::kNoMemory : ternkit::kAbsent;
 }
 
 Status MakeInlineImagePath(char (&path)[kPathUnits], char16_t (&directory)[kPathUnits], const char* contentId,

@@ -41,8 +41,9 @@ ternkit::Status LocateInlineImage(InlineImageContext& context, const char* locat
 /**
  * Replaces every reference that LocateInlineImage has found the first of. The whole quoted value around it gives way.
  *
- * A replacement may itself name the next attachment, so that each of many attachments rewrites every reference of a long body anew.
- * All replacements of one message together may therefore take no more bytes than a block may have, or memory counts as short.
+ * A replacement may itself name the next attachment, so that each of many attachments rewrites every reference of a long body
+ * anew. All replacements of one message together may therefore take no more bytes than a block may have, or memory counts as
+ * short.
  *
  * @param data the attachment's bytes
  * @param replacedCount receives the references replaced; may be null

@@ -10,6 +10,8 @@ namespace {
 constexpr std::size_t kGroupSize = 4;
 constexpr unsigned kSearchesBeforeFilter = 8;  // making a filter costs about as much as a few searches
 constexpr std::size_t kSampledGroups = 16;
+constexpr std::uint64_t kScansOfEachByte = 64;
+constexpr std::uint64_t kLeastScanBudget = 1'000'000'000;
 
 std::uint32_t groupHash(const char* bytes) {
     std::uint32_t group = 0;
@@ -50,7 +52,8 @@ struct RewritableText::Needle {
     std::bitset<256> pairs;
 };
 
-RewritableText::RewritableText(std::string_view text, std::size_t chunkSize) : m_chunkSize(chunkSize), m_size(text.size()) {
+RewritableText::RewritableText(std::string_view text, std::size_t chunkSize)
+    : m_chunkSize(chunkSize), m_size(text.size()), m_scanBudget(kScansOfEachByte * text.size() + kLeastScanBudget) {
     for (; !text.empty(); text.remove_prefix(std::min(m_chunkSize, text.size()))) {
         m_chunks.emplace_back().text = text.substr(0, m_chunkSize);
     }
@@ -104,6 +107,14 @@ bool RewritableText::mayOccur(const Needle& needle) const {
                                            [this](std::uint32_t hash) { return m_groups[hash & (m_groups.size() - 1)]; });
 }
 
+/// Searches a stretch and charges what was looked at.
+const char* RewritableText::scan(std::string_view text, const Needle& needle) {
+    const char* end = text.data() + text.size();
+    const char* found = m_scanBudget != 0 ? FindBytes(text.data(), end, needle.text.data(), needle.text.size()) : nullptr;
+    m_scanBudget -= std::min(m_scanBudget, static_cast<std::uint64_t>((found != nullptr ? found : end) - text.data()));
+    return found;
+}
+
 std::optional<RewritableText::Position> RewritableText::findInside(const Needle& needle, Chunks::iterator chunk,
                                                                    std::size_t from) {
     noteSearch(*chunk);
@@ -112,9 +123,9 @@ std::optional<RewritableText::Position> RewritableText::findInside(const Needle&
                                           [filter](std::uint32_t hash) { return filter->groups.test(chunkBit(hash)); })) {
         return std::nullopt;
     }
-    const char* text = chunk->text.data();
-    const char* found = FindBytes(text + from, text + chunk->text.size(), needle.text.data(), needle.text.size());
-    return found != nullptr ? std::optional<Position>({chunk, static_cast<std::size_t>(found - text)}) : std::nullopt;
+    const char* found = scan(std::string_view(chunk->text).substr(from), needle);
+    return found != nullptr ? std::optional<Position>({chunk, static_cast<std::size_t>(found - chunk->text.data())})
+                            : std::nullopt;
 }
 
 /// An occurrence that begins in a chunk and ends in a later one.
@@ -127,7 +138,7 @@ std::optional<RewritableText::Position> RewritableText::findAcross(const Needle&
     }
     const std::size_t start = std::max(from, chunk->text.size() - std::min(reach, chunk->text.size()));
     const std::string seam = bytesAt({chunk, start}, chunk->text.size() - start + reach);
-    const char* found = FindBytes(seam.data(), seam.data() + seam.size(), needle.text.data(), needle.text.size());
+    const char* found = scan(seam, needle);
     return found != nullptr ? std::optional<Position>({chunk, start + static_cast<std::size_t>(found - seam.data())})
                             : std::nullopt;
 }
@@ -149,7 +160,7 @@ std::optional<RewritableText::Position> RewritableText::find(std::string_view te
     if (!mayOccur(needle)) {
         return std::nullopt;
     }
-    for (; from.chunk != m_chunks.end(); from = {std::next(from.chunk), 0}) {
+    for (; from.chunk != m_chunks.end() && !isExhausted(); from = {std::next(from.chunk), 0}) {
         if (const auto inside = findInside(needle, from.chunk, from.offset)) {
             return inside;
         }

@@ -51,7 +51,7 @@ public:
     /// Up to `count` bytes from a place on.
     std::string bytesAt(Position position, std::size_t count);
 
-    /// The first occurrence of a text, which is not empty, at `from` or behind it.
+    /// The first occurrence of a text, which is not empty, at `from` or behind it. Finds nothing once the budget is used up.
     std::optional<Position> find(std::string_view needle, Position from);
     /// The first occurrence of a byte at `from` or behind it.
     std::optional<Position> findByte(char byte, Position from);
@@ -60,6 +60,9 @@ public:
 
     /// Puts a text in the place of [from, to) and gives the place behind it.
     Position replace(Position from, Position to, std::string_view text);
+
+    /// True when names that were made to defeat the filters have used up what searches may look at.
+    bool isExhausted() const { return m_scanBudget == 0; }
 
     /// Copies the text to `out`, which has room for size() bytes.
     void copyTo(char* out) const;
@@ -70,6 +73,7 @@ private:
     bool mayOccur(const Needle& needle) const;
     std::optional<Position> findInside(const Needle& needle, Chunks::iterator chunk, std::size_t from);
     std::optional<Position> findAcross(const Needle& needle, Chunks::iterator chunk, std::size_t from);
+    const char* scan(std::string_view text, const Needle& needle);
     void noteSearch(Chunk& chunk);
     void noteGroups(std::string_view text);
     void noteEdit(Position from, Position to);
@@ -80,5 +84,6 @@ private:
     Chunks m_chunks;
     std::uint64_t m_size = 0;
     unsigned m_searches = 0;
+    std::uint64_t m_scanBudget;  // bytes that searches may still look at, far beyond what those of honest mail do
     std::vector<bool> m_groups;  // four-byte groups of the whole text, and perhaps some that are gone; empty until it pays
 };

@@ -1,10 +1,14 @@
 #include "fileformats/pst/common/storewalk.h"
 
 #include <exception>
+#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "fileformats/pst/common/storemessage.h"
+#include "pstsdk/exceptions.h"
 #include "pstsdk/nodes.h"
 #include "pstsdk/pages.h"
 #include "pstsdk/properties.h"
@@ -72,8 +76,9 @@ private:
 
     Step visitMessage(const StoreRow& row) {
         const bool isTarget = static_cast<std::uint32_t>(m_cursor) == m_targetPage;
-        const Status status = ExtractStoreMessage(row, m_table.records[m_cursor], m_bodyKind,
-                                                  isTarget ? MessageRole::Target : MessageRole::InFront, m_filterData);
+        const Status status =
+            isTarget ? ExtractStoreMessage(row, m_table.records[m_cursor], m_bodyKind, MessageRole::Target, m_filterData)
+                     : passMessage(row);
         if (status < ternkit::kOk) {
             m_result = status;
             return Step::End;
@@ -85,6 +90,35 @@ private:
         return isTarget ? Step::End : Step::GoOn;
     }
 
+    // What a message in front of the target leaves behind. It depends on the message's blocks alone, so rows that name one
+    // message again and again cost one reading of it.
+    struct Passed {
+        std::optional<Status> status;        // none: it threw
+        BodyKind bodyKind = BodyKind::None;  // none: it has no body
+    };
+
+    Status passMessage(const StoreRow& row) {
+        const node_info info = m_db->lookup_node_info(row.row.get_row_id());
+        const auto [known, isNew] = m_passed.try_emplace({info.data_bid, info.subnode_bid});
+        Passed& passed = known->second;
+        if (isNew) {
+            try {
+                passed.status =
+                    ExtractStoreMessage(row, m_table.records[m_cursor], passed.bodyKind, MessageRole::InFront, m_filterData);
+            } catch (const std::exception&) {
+                // Told below, as for every other row that names the message.
+            }
+        }
+        if (passed.bodyKind != BodyKind::None) {
+            m_bodyKind = passed.bodyKind;
+        }
+        if (!passed.status) {
+            throw pstsdk::database_corrupt("message that cannot be read");
+        }
+        return *passed.status;
+    }
+
+    std::map<std::pair<pstsdk::block_id, pstsdk::block_id>, Passed> m_passed;
     MessagePageTable& m_table;
     const shared_db_ptr& m_db;
     std::uint32_t m_targetPage;

@@ -249,6 +249,8 @@ TEST(HtmlCharset, DeclaredUtf8ThatIsNoneIsDetected) {
 TEST(HtmlCharset, DropsNulsAndTheSevenBitMarkWhereItCanStand) {
     const std::string block = "<html><table><tr><td>From:</td></tr></table>\r\n<p class=MsoNormal><o:p>&nbsp;</o:p></p></html>";
     EXPECT_EQ(decodeHtml("<p>a\0b</p>\0"s).text, "<p>ab</p>");
+    EXPECT_EQ(decodeHtml("<p>a&#55357;&#56832;b &#55357; &#56832;&#8364;&#55357;").text,
+              "<p>a&#128512;b &#55357; &#56832;&#8364;&#55357;");
     EXPECT_EQ(decodeHtml("+/v<html><body>x").text, "<html><body>x");
     EXPECT_EQ(decodeHtml(block + "+/v<html>x").text, block + "<html>x");
     EXPECT_EQ(decodeHtml("<html><p>x</p></html>+/v").text, "<html><p>x</p></html>+/v");

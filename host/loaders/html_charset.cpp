@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 namespace ternview {
 namespace {
@@ -171,6 +172,42 @@ void removeSevenBitMark(std::string& text) {
     }
 }
 
+/// The value of a decimal character reference at the beginning of a text, with its length; a length of 0 when there is none.
+std::pair<unsigned, std::size_t> decimalReference(std::string_view text) {
+    constexpr std::size_t kLongest = 10;
+    unsigned value = 0;
+    std::size_t at = 2;
+    for (; at < std::min(text.size(), kLongest) && text[at] >= '0' && text[at] <= '9'; ++at) {
+        value = value * 10 + static_cast<unsigned>(text[at] - '0');
+    }
+    const bool complete = text.starts_with("&#") && at > 2 && at < text.size() && text[at] == ';';
+    return complete ? std::pair(value, at + 1) : std::pair(0U, std::size_t{0});
+}
+
+/// Text that was taken out of RTF names a character outside the basic plane by two references, one for each of its UTF-16 units.
+/// No HTML engine joins them.
+void joinSurrogateReferences(std::string& text) {
+    std::string joined;
+    std::size_t copied = 0;
+    for (std::size_t at = text.find("&#"); at != std::string::npos; at = text.find("&#", at)) {
+        const std::string_view rest = std::string_view(text).substr(at);
+        const auto [high, highSize] = decimalReference(rest);
+        const auto [low, lowSize] = decimalReference(rest.substr(highSize));
+        if (high < 0xD800 || high > 0xDBFF || low < 0xDC00 || low > 0xDFFF) {
+            at += 2;
+            continue;
+        }
+        joined.append(text, copied, at - copied);
+        joined += "&#" + std::to_string(0x10000 + ((high - 0xD800) << 10) + (low - 0xDC00)) + ";";
+        at += highSize + lowSize;
+        copied = at;
+    }
+    if (copied != 0) {
+        joined.append(text, copied);
+        text = std::move(joined);
+    }
+}
+
 }  // namespace
 
 DecodedHtml decodeHtml(std::string_view bytes) {
@@ -188,6 +225,7 @@ DecodedHtml decodeHtml(std::string_view bytes) {
     }
     std::erase(result.text, '\0');
     removeSevenBitMark(result.text);
+    joinSurrogateReferences(result.text);
     return result;
 }
 

@@ -16,7 +16,8 @@ struct DecodedHtml {
  * Decodes an HTML document: a byte-order mark decides, else a declaration in a meta element, else valid UTF-8, else what the
  * bytes look like. A declared UTF-8 that is none counts as no declaration, since whoever forwards a message adds such
  * declarations without looking. The mark "+/v", which undoing the seven-bit encoding of UTF-7 mail leaves behind, is taken out
- * where it can stand: at the very start, or directly behind a header block in front of the body.
+ * where it can stand: at the very start, or directly behind a header block in front of the body. Two references to a pair of
+ * surrogates become one to their character.
  */
 DecodedHtml decodeHtml(std::string_view bytes);
 

@@ -63,6 +63,17 @@ ternkit::Status takeMemory(const void* /*document*/, ternkit::HostFileInfo* info
     return answer(info);
 }
 
+ternkit::Status drawFile(const char16_t* /*path*/, void* /*bitmap*/, std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t,
+                         void* /*callback*/, void* /*userData*/, ternkit::HostLoadOptions*, ternkit::HostFileInfo*) {
+    return ternkit::kOk;
+}
+
+ternkit::Status drawMemory(const void* /*document*/, void* /*bitmap*/, std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t,
+                           void* /*callback*/, void* /*userData*/, std::uint64_t, ternkit::HostLoadOptions*,
+                           ternkit::HostFileInfo*) {
+    return ternkit::kOk;
+}
+
 /// Processor time, so that what else the machine does stays out of the ratios.
 double processorSeconds() {
     timespec time{};
@@ -130,7 +141,7 @@ double plainReadSeconds(const File& file) {
     return seconds[seconds.size() / 2];
 }
 
-ternkit::Status callInfo(const File& file, std::int32_t messageNumber) {
+ternkit::Status callInfo(const File& file, std::int32_t messageNumber, ternkit::LoadCacheSlot* slot) {
     const std::u16string path = file.widePath();
     ternkit::HostLoadOptions options{};
     ternkit::HostFileInfo fileInfo{};
@@ -141,13 +152,29 @@ ternkit::Status callInfo(const File& file, std::int32_t messageNumber) {
     request.options = &options;
     request.loadInfoFromFile = takeFile;
     request.loadInfoFromMemory = takeMemory;
+    request.cacheSlot = slot;
     request.messageNumber = messageNumber;
     const ternkit::Status status = fltInfo(&request);
     TbFileClose(request.fileHandle);
     return status;
 }
 
-Cost costOfInfo(const File& file, std::int32_t messageNumber) {
+ternkit::Status callLoad(const File& file, std::int32_t messageNumber, ternkit::LoadCacheSlot* slot) {
+    const std::u16string path = file.widePath();
+    ternkit::HostLoadOptions options{};
+    ternkit::HostFileInfo fileInfo{};
+    ternkit::FilterLoadRequest request{};
+    request.fileName = path.c_str();
+    request.fileInfo = &fileInfo;
+    request.options = &options;
+    request.loadFromFile = drawFile;
+    request.loadFromMemory = drawMemory;
+    request.cacheSlot = slot;
+    request.messageNumber = messageNumber;
+    return fltLoad(&request);
+}
+
+Cost costOf(const std::function<void()>& action) {
     int channel[2];
     if (pipe(channel) != 0) {
         throw std::runtime_error("no pipe");
@@ -158,7 +185,7 @@ Cost costOfInfo(const File& file, std::int32_t messageNumber) {
         std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts anew from here
         const std::uint64_t memoryBefore = memoryBytes("VmRSS:");
         const std::uint64_t readBefore = processFigure("/proc/self/io", "rchar:");
-        callInfo(file, messageNumber);
+        action();
         const std::uint64_t readAfter = processFigure("/proc/self/io", "rchar:");
         const Cost cost{memoryBytes("VmHWM:") - memoryBefore, readAfter - readBefore};
         _exit(write(channel[1], &cost, sizeof(cost)) == sizeof(cost) ? 0 : 1);
@@ -172,6 +199,10 @@ Cost costOfInfo(const File& file, std::int32_t messageNumber) {
         throw std::runtime_error("the measured process ended early");
     }
     return cost;
+}
+
+Cost costOfInfo(const File& file, std::int32_t messageNumber) {
+    return costOf([&] { callInfo(file, messageNumber); });
 }
 
 void runInfo(benchmark::State& state, const File& file, std::int32_t messageNumber) {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include <ternkit/filter.h>
+#include <ternkit/load_cache.h>
 
 namespace bench {
 
@@ -34,14 +35,18 @@ double plainReadSeconds(const File& file);
 /// Runs the workload and gives the processor seconds of one pass; the action must do all of it.
 double measured(benchmark::State& state, const std::function<void()>& action);
 
-/// Calls fltInfo for one message. @return its status
-ternkit::Status callInfo(const File& file, std::int32_t messageNumber);
+/// Calls fltInfo for one message. @param slot what the host keeps, or null  @return its status
+ternkit::Status callInfo(const File& file, std::int32_t messageNumber, ternkit::LoadCacheSlot* slot = nullptr);
+/// The same with fltLoad.
+ternkit::Status callLoad(const File& file, std::int32_t messageNumber, ternkit::LoadCacheSlot* slot = nullptr);
 
-/// What one call of fltInfo takes in a process of its own.
+/// What an action takes in a process of its own.
 struct Cost {
     std::uint64_t peakBytes;  // resident memory beyond what the process had before
     std::uint64_t bytesRead;  // by system calls
 };
+Cost costOf(const std::function<void()>& action);
+/// The same of one call of fltInfo.
 Cost costOfInfo(const File& file, std::int32_t messageNumber);
 
 /// Runs fltInfo as the workload and reports bytes per second, the ratio to the plain read, and peak memory in units of the file.

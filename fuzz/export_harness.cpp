@@ -108,25 +108,33 @@ void callBoth(const std::u16string& path, std::uint32_t mode, const fuzz::Reques
 
 namespace fuzz {
 
-void readThroughExports(const std::uint8_t* data, std::size_t size, const Request& request) {
+std::u16string fileOf(const std::uint8_t* data, std::size_t size) {
     static const int file = memfd_create("message", MFD_CLOEXEC);
-    const std::string& directory = temporaryDirectory();
+    temporaryDirectory();
     if (ftruncate(file, 0) != 0 || pwrite(file, data, size, 0) != static_cast<ssize_t>(size)) {
-        return;
+        std::abort();
     }
     const std::string narrow = "/proc/self/fd/" + std::to_string(file);
-    const std::u16string path(narrow.begin(), narrow.end());
-    callBoth(path, kMemoryOnly, request);
-    callBoth(path, 0, request);
+    return {narrow.begin(), narrow.end()};
+}
+
+void expectNothingLeft() {
     static unsigned run = 0;
     if (++run % 64 == 0) {
-        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        for (const auto& entry : std::filesystem::directory_iterator(temporaryDirectory())) {
             if (!std::filesystem::is_empty(entry.path())) {
                 std::fprintf(stderr, "left over in %s\n", entry.path().c_str());
                 std::abort();
             }
         }
     }
+}
+
+void readThroughExports(const std::uint8_t* data, std::size_t size, const Request& request) {
+    const std::u16string path = fileOf(data, size);
+    callBoth(path, kMemoryOnly, request);
+    callBoth(path, 0, request);
+    expectNothingLeft();
 }
 
 }  // namespace fuzz

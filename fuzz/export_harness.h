@@ -4,8 +4,16 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace fuzz {
+
+/// Puts the bytes into a file in memory, in the place of what it held, and gives temporary files a directory of their own.
+/// @return its path; the program stops when there is no memory for it
+std::u16string fileOf(const std::uint8_t* data, std::size_t size);
+
+/// Stops the program when a temporary file is left over. Looks once in many calls.
+void expectNothingLeft();
 
 struct Request {
     std::int32_t messageNumber = 1;

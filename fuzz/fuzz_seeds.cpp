@@ -165,6 +165,48 @@ void writeRichText(const SeedFolder& blocks, const SeedFolder& texts) {
     texts.add("html", rtf);
 }
 
+/// One file of each kind, and a store whose messages are damaged in several ways, behind the byte that says what is wanted.
+void writeBatches(const SeedFolder& seeds) {
+    using namespace builder;
+    const auto add = [&seeds](const std::string& name, const std::string& file) {
+        seeds.add(name, std::string(1, '\0') + file);
+        seeds.add(name + "_summaries", "\x01" + file);
+        seeds.add(name + "_plain", "\x02" + file);
+    };
+    add("message", mime::Html("<p>Hello").addressed().bytes());
+    add("item", msg::MsgBuilder().text(msg::kSubject, "Hello").text(msg::kBody, "How are you?").bytes());
+    for (const auto& [name, layout] : {std::pair("ansi", Layout::Ansi), std::pair("unicode", Layout::Unicode)}) {
+        LayoutOptions options;
+        options.layout = layout;
+        options.encoding = Encoding::None;
+        options.allocationMaps = AllocationMaps::None;
+        StoreBuilder store(options);
+        for (const char* folderName : {"A", "Freebusy Data", "C"}) {
+            Folder& folder = store.addFolder(folderName);
+            Message& mail = folder.addMessage({.subject = "Hello", .htmlBody = "<img src=\"cid:a.png\">"});
+            mail.attach({.name = "a.png", .longName = "a.png", .data = Bytes(60, 0x5A)});
+            folder.addMessage({.subject = "Sender"}).property(0x0C1A, Bytes(4000, 'x'));
+            folder.addMessage({.subject = "LocalFreebusy"});
+            folder.addMessage({.subject = "Text", .plainBody = std::string(4000, 'x')});
+        }
+        const Bytes bytes = store.bytes();
+        add(name, std::string(bytes.begin(), bytes.end()));
+    }
+}
+
+void writeDocuments(const SeedFolder& pages, const SeedFolder& texts) {
+    pages.add("table",
+              "<html><head><style>p.a{margin:0}.b{display:none}@media print{td > b:first-child{color:red}}</style></head><body "
+              "bgcolor=#fff><table border=1><colgroup><col width=50></colgroup><tr><td colspan=2 style=\"background:url(x.png) "
+              "0 0\">a<td><p class=a>b<p><b>c<p>d</b></table></body></html>");
+    pages.add("text",
+              "<!DOCTYPE html><h1>a</h1><ol start=3><li>b<ul><li>c</ul></ol><blockquote>d<br>e</blockquote><pre>\n f\n</pre><a "
+              "href=\"http://x/?a&amp;b\">g</a><img src=\"data:image/gif;base64,R0lGODlhAQABAAAAACw=\" alt=h>&eacute;&#146;<hr>");
+    texts.add("field", "\\ansi {\\field{\\*\\fldinst HYPERLINK \"http://x/\"}{\\fldrslt a}}{\\pict\\pngblip\\bin3 {}\\}\\'e4}");
+    texts.add("object",
+              "{\\object\\objemb{\\*\\objdata 0105}{\\result b}}{\\*\\template x}{\\field{\\*\\fldinst INCLUDEPICTURE \"x\"}}}");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -175,6 +217,8 @@ int main(int argc, char** argv) {
     writeInternetMessages(SeedFolder(fs::path(argv[1]) / "internet_message"));
     writeStores(SeedFolder(fs::path(argv[1]) / "store"), SeedFolder(fs::path(argv[1]) / "store_message"));
     writeItems(SeedFolder(fs::path(argv[1]) / "compound_file"), SeedFolder(fs::path(argv[1]) / "msg"));
+    writeBatches(SeedFolder(fs::path(argv[1]) / "batch"));
     writeRichText(SeedFolder(fs::path(argv[1]) / "compressed_rtf"), SeedFolder(fs::path(argv[1]) / "rtf_to_html"));
+    writeDocuments(SeedFolder(fs::path(argv[1]) / "conversions"), SeedFolder(fs::path(argv[1]) / "rtf_guard"));
     return 0;
 }

@@ -8,7 +8,9 @@
 #include <charconv>
 #include <limits>
 #include <string_view>
+#include <vector>
 
+#include "help.h"
 #include "messages.h"
 
 namespace ternview {
@@ -28,21 +30,31 @@ constexpr std::array kLanguages{
 constexpr PageSetup kA4{};
 constexpr PageSetup kLetter{816, 1056, kA4.margin};  // 8.5 by 11 inches
 
+constexpr char kLanguageHelp[] = "Language of header labels: de, fr, ... or a LANGID such as 0x0407";
+
 struct RawOptions {
     std::string file;
+    std::vector<std::string> files;
     std::int32_t message = 1;
     std::string language;
     std::string paper = "a4";
+    std::string htmlEngine = "auto";
     std::string pages;
     std::string out;
     int resolution = 96;
+    int size = 0;
     std::int64_t timeout = 60;
+    std::int64_t thumbnailTimeout = 10;
     bool plainText = false;
     bool tempFiles = false;
     bool noTempFiles = false;
     bool json = false;
     bool quiet = false;
     bool strict = false;
+    std::string format = "pdf";
+    std::size_t workers = 0;
+    bool noPictures = false;
+    bool restart = false;
 };
 
 std::string lowerCase(std::string text) {
@@ -71,6 +83,24 @@ std::optional<std::uint32_t> parseLanguage(const std::string& text) {
     return std::nullopt;
 }
 
+void addTimeout(CLI::App& command, RawOptions& raw) {
+    command.add_option("--timeout", raw.timeout, "Seconds that a message may take")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+}
+
+void addPaper(CLI::App& command, RawOptions& raw) {
+    command.add_option("--paper", raw.paper, "Paper size")
+        ->check(CLI::IsMember({"a4", "letter"}, CLI::ignore_case))
+        ->capture_default_str();
+}
+
+void addResolution(CLI::App& command, RawOptions& raw) {
+    command.add_option("-r,--resolution", raw.resolution, "Dots per inch of PNG pages")
+        ->check(CLI::Range(10, 1200))
+        ->capture_default_str();
+}
+
 void addCommonOptions(CLI::App& command, RawOptions& raw) {
     command.add_option("FILE", raw.file, "Mail file: a store (.pst), an Outlook item (.msg) or an Internet message (.eml)")
         ->required();
@@ -79,24 +109,72 @@ void addCommonOptions(CLI::App& command, RawOptions& raw) {
     command.add_flag("--plain-text", raw.plainText, "Ask for a plain text document whatever the message holds");
     CLI::Option* temp = command.add_flag("--temp-files", raw.tempFiles, "HTML travels through temporary files");
     command.add_flag("--no-temp-files", raw.noTempFiles, "HTML travels through memory")->excludes(temp);
-    command.add_option("--lang", raw.language, "Language of header labels: de, fr, ... or a LANGID such as 0x0407");
-    command.add_option("--paper", raw.paper, "Paper size")
-        ->check(CLI::IsMember({"a4", "letter"}, CLI::ignore_case))
-        ->capture_default_str();
+    command.add_option("--lang", raw.language, kLanguageHelp)->type_name("LANGUAGE");
+    addPaper(command, raw);
     command.add_flag("--json", raw.json, "Print one JSON object");
     command.add_flag("--quiet", raw.quiet, "Print nothing but errors");
     command.add_flag("--strict", raw.strict, "Only what the filter itself gives, no helping hand");
-    command.add_option("--timeout", raw.timeout, "Seconds that a message may take")
-        ->check(CLI::Range(1, 86400))
-        ->capture_default_str();
+    addTimeout(command, raw);
 }
 
 void addRenderOptions(CLI::App& command, RawOptions& raw) {
-    command.add_option("-p,--pages", raw.pages, "Pages such as 1,3-5,8-; all without it");
-    command.add_option("-r,--resolution", raw.resolution, "Dots per inch of PNG pages")
-        ->check(CLI::Range(10, 1200))
+    command.add_option("-p,--pages", raw.pages, "Pages such as 1,3-5,8-; all without it")->type_name("PAGES");
+    addResolution(command, raw);
+    command.add_option("-o,--output", raw.out, "NAME.png, where %d is the page number, or NAME.pdf for one PDF")
+        ->type_name("FILE");
+}
+
+void addListOptions(CLI::App& command, RawOptions& raw) {
+    command.add_option("FILE", raw.files, "Mail files, and directories that are searched for mail files")->required();
+    command.add_flag("--json", raw.json, "Print one JSON object a line for each message");
+    command.add_flag("--strict", raw.strict, "Only what the filter itself gives, no helping hand");
+    command.add_option("--lang", raw.language, kLanguageHelp)->type_name("LANGUAGE");
+    addTimeout(command, raw);
+}
+
+void addHtmlEngine(CLI::App& command, RawOptions& raw) {
+    command
+        .add_option("--html-engine", raw.htmlEngine,
+                    "What lays HTML out; auto takes a browser, if there is one, where it is better")
+        ->check(CLI::IsMember({"auto", "embedded", "chromium"}, CLI::ignore_case))
         ->capture_default_str();
-    command.add_option("-o,--output", raw.out, "NAME.png, where %d is the page number, or NAME.pdf for one PDF");
+}
+
+HtmlEngine htmlEngineOf(const RawOptions& raw) {
+    const std::string name = lowerCase(raw.htmlEngine);
+    return name == "embedded" ? HtmlEngine::kEmbedded : name == "chromium" ? HtmlEngine::kChromium : HtmlEngine::kAuto;
+}
+
+void addExportOptions(CLI::App& command, RawOptions& raw) {
+    command.add_option("FILE", raw.files, "Mail files, and directories that are searched for mail files")->required();
+    command.add_option("-o,--output", raw.out, "Directory for the outputs and index.html; an export that it holds goes on")
+        ->required()
+        ->type_name("DIRECTORY");
+    command.add_option("--format", raw.format, "What each message becomes")
+        ->check(CLI::IsMember({"pdf", "png", "html", "txt"}, CLI::ignore_case))
+        ->capture_default_str();
+    command.add_option("-j,--jobs", raw.workers, "Messages at a time; without it, one for each processor")
+        ->check(CLI::Range(1, 256));
+    command.add_flag("--restart", raw.restart, "Replace the export that the directory holds");
+    command.add_flag("--no-pictures", raw.noPictures, "Leave the small pictures out of index.html");
+    command.add_flag("--plain-text", raw.plainText, "Ask for a plain text document whatever a message holds");
+    command.add_option("--lang", raw.language, kLanguageHelp)->type_name("LANGUAGE");
+    addPaper(command, raw);
+    addResolution(command, raw);
+    command.add_flag("--json", raw.json, "Print one JSON object in the end");
+    command.add_flag("--quiet", raw.quiet, "Print nothing but errors");
+    command.add_flag("--strict", raw.strict, "Only what the filter itself gives, no helping hand");
+    addTimeout(command, raw);
+}
+
+void addThumbnailOptions(CLI::App& command, RawOptions& raw) {
+    command.add_option("FILE", raw.file, "Mail file: a store (.pst), an Outlook item (.msg) or an Internet message (.eml)")
+        ->required();
+    command.add_option("OUT", raw.out, "PNG file to write")->required();
+    command.add_option("SIZE", raw.size, "Pixels of the picture's longer side")->required()->check(CLI::Range(1, 4096));
+    command.add_option("--timeout", raw.thumbnailTimeout, "Seconds that it may take")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
 }
 
 [[noreturn]] void refuse(const std::string& reason) {
@@ -105,7 +183,6 @@ void addRenderOptions(CLI::App& command, RawOptions& raw) {
 
 void completeRender(const RawOptions& raw, CommandLine& line) {
     line.job.command = Command::kRender;
-    line.job.route = raw.noTempFiles ? DocumentRoute::kMemory : DocumentRoute::kTemporaryFiles;
     line.job.resolution = raw.resolution;
     if (!raw.pages.empty()) {
         const auto pages = PageSelection::parse(raw.pages);
@@ -123,11 +200,63 @@ void completeRender(const RawOptions& raw, CommandLine& line) {
     }
 }
 
-CommandLine complete(const RawOptions& raw, const CLI::App& info, const CLI::App& document) {
+void completeThumbnail(const RawOptions& raw, CommandLine& line) {
+    line.job.command = Command::kThumbnail;
+    line.job.route = DocumentRoute::kTemporaryFiles;
+    line.job.thumbnailSize = raw.size;
+    line.job.htmlEngine = HtmlEngine::kEmbedded;  // quick enough
+    line.quiet = true;
+    line.timeLimit = std::chrono::seconds(raw.thumbnailTimeout);
+}
+
+PageSetup paperOf(const RawOptions& raw) {
+    return lowerCase(raw.paper) == "letter" ? kLetter : kA4;
+}
+
+std::uint32_t languageOf(const RawOptions& raw) {
+    if (raw.language.empty()) {
+        return 0;
+    }
+    const auto language = parseLanguage(raw.language);
+    if (!language) {
+        refuse("--lang: " + printableName(raw.language) +
+               " is neither a LANGID such as 0x0407 nor one of en, de, fr, ro, ja, ko, zh-cn, zh-tw, ar");
+    }
+    return *language;
+}
+
+ListRequest completeList(const RawOptions& raw) {
+    return {raw.files, raw.json, languageOf(raw), std::chrono::seconds(raw.timeout), raw.strict};
+}
+
+ExportRequest completeExport(const RawOptions& raw) {
+    constexpr std::array formats{ExportFormat::kPdf, ExportFormat::kPng, ExportFormat::kHtml, ExportFormat::kText};
+    const std::string name = lowerCase(raw.format);
+    ExportRequest request;
+    request.files = raw.files;
+    request.directory = raw.out;
+    request.options.format =
+        *std::find_if(formats.begin(), formats.end(), [&name](ExportFormat format) { return formatName(format) == name; });
+    request.options.paper = lowerCase(raw.paper);
+    request.options.resolution = raw.resolution;
+    request.options.language = languageOf(raw);
+    request.options.plainText = raw.plainText;
+    request.options.strict = raw.strict;
+    request.options.htmlEngine = htmlEngineOf(raw);
+    request.paper = paperOf(raw);
+    request.workers = raw.workers;
+    request.timeLimit = std::chrono::seconds(raw.timeout);
+    request.pictures = !raw.noPictures;
+    request.restart = raw.restart;
+    request.quiet = raw.quiet;
+    request.json = raw.json;
+    return request;
+}
+
+CommandLine complete(const RawOptions& raw, const CLI::App& info, const CLI::App& document, const CLI::App& thumbnail) {
     CommandLine line;
     line.json = raw.json;
     line.quiet = raw.quiet;
-    line.strict = raw.strict;
     line.timeLimit = std::chrono::seconds(raw.timeout);
     if (!raw.out.empty()) {
         line.out = raw.out;
@@ -136,22 +265,21 @@ CommandLine complete(const RawOptions& raw, const CLI::App& info, const CLI::App
     job.file = raw.file;
     job.messageNumber = raw.message;
     job.plainTextOnly = raw.plainText;
-    job.route = raw.tempFiles ? DocumentRoute::kTemporaryFiles : DocumentRoute::kMemory;
-    job.paper = lowerCase(raw.paper) == "letter" ? kLetter : kA4;
-    job.describe = raw.json;
-    if (!raw.language.empty()) {
-        const auto language = parseLanguage(raw.language);
-        if (!language) {
-            refuse("--lang: " + printableName(raw.language) +
-                   " is neither a LANGID such as 0x0407 nor one of en, de, fr, ro, ja, ko, zh-cn, zh-tw, ar");
-        }
-        job.uiLanguage = *language;
-    }
+    job.strict = raw.strict;
+    // Some pictures are too small to travel inside a document, so what is laid out travels through files. A document that is
+    // written stays in one piece unless its files are asked for.
+    const bool usesFiles = raw.tempFiles || (!document.parsed() && !raw.noTempFiles);
+    job.route = usesFiles ? DocumentRoute::kTemporaryFiles : DocumentRoute::kMemory;
+    job.paper = paperOf(raw);
+    job.htmlEngine = htmlEngineOf(raw);
+    job.uiLanguage = languageOf(raw);
     if (info.parsed()) {
         job.command = Command::kInfo;
     } else if (document.parsed()) {
         job.command = Command::kDocument;
         job.deliverDocument = line.out || !line.json;
+    } else if (thumbnail.parsed()) {
+        completeThumbnail(raw, line);
     } else {
         completeRender(raw, line);
     }
@@ -160,8 +288,8 @@ CommandLine complete(const RawOptions& raw, const CLI::App& info, const CLI::App
 
 }  // namespace
 
-std::variant<CommandLine, EarlyExit> parseCommandLine(int argc, const char* const* argv) {
-    CLI::App app("Shows mail messages: what they are, their documents, their pages.", "ternview");
+std::variant<CommandLine, ListRequest, ExportRequest, EarlyExit> parseCommandLine(int argc, const char* const* argv) {
+    CLI::App app("Shows, prints and exports mail", "ternview");
     app.require_subcommand(1);
     app.set_version_flag("--version", TERNVIEW_VERSION);
     app.failure_message(CLI::FailureMessage::simple);
@@ -169,15 +297,32 @@ std::variant<CommandLine, EarlyExit> parseCommandLine(int argc, const char* cons
     CLI::App* info = app.add_subcommand("info", "Tell what a message is and how many pages it has");
     CLI::App* document = app.add_subcommand("document", "Write the document of a message exactly as the filter gives it");
     CLI::App* render = app.add_subcommand("render", "Make PNG pages or a PDF of a message");
+    CLI::App* list = app.add_subcommand("list", "List the messages of mail files and of directories");
+    CLI::App* exports = app.add_subcommand("export", "Make a file of every message of mail files and of directories");
+    CLI::App* thumbnail = app.add_subcommand("thumbnail", "Make a small picture of the first message, as file managers show");
     for (CLI::App* command : {info, document, render}) {
         addCommonOptions(*command, raw);
     }
-    document->add_option("-o,--output", raw.out,
-                         "File, or directory for an HTML document with --temp-files; else standard output");
+    document
+        ->add_option("-o,--output", raw.out, "File, or directory for an HTML document with --temp-files; else standard output")
+        ->type_name("FILE");
+    addHtmlEngine(*info, raw);
+    addHtmlEngine(*exports, raw);
     addRenderOptions(*render, raw);
+    addHtmlEngine(*render, raw);
+    addListOptions(*list, raw);
+    addExportOptions(*exports, raw);
+    addThumbnailOptions(*thumbnail, raw);
+    describeForPeople(app);
     try {
         app.parse(argc, argv);
-        return complete(raw, *info, *document);
+        if (list->parsed()) {
+            return completeList(raw);
+        }
+        if (exports->parsed()) {
+            return completeExport(raw);
+        }
+        return complete(raw, *info, *document, *thumbnail);
     } catch (const CLI::ParseError& error) {
         return EarlyExit{app.exit(error) == 0 ? kExitDone : kExitUsage};
     }

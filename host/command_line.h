@@ -7,7 +7,9 @@
 #include <string>
 #include <variant>
 
+#include "export/export_command.h"
 #include "job.h"
+#include "mailbox/list_command.h"
 
 namespace ternview {
 
@@ -16,7 +18,6 @@ struct CommandLine {
     std::optional<std::filesystem::path> out;
     bool json = false;
     bool quiet = false;
-    bool strict = false;  // only what the filter itself gives; so far the host adds nothing
     std::chrono::seconds timeLimit{60};
 };
 
@@ -26,6 +27,6 @@ struct EarlyExit {
 };
 
 /// Reads the command line; help and errors of usage are printed here.
-std::variant<CommandLine, EarlyExit> parseCommandLine(int argc, const char* const* argv);
+std::variant<CommandLine, ListRequest, ExportRequest, EarlyExit> parseCommandLine(int argc, const char* const* argv);
 
 }  // namespace ternview

@@ -6,31 +6,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <vector>
 
+#include "module_search.h"
 #include "utf.h"
 
 namespace ternview {
 namespace {
-
-constexpr char kLibraryName[] = "libternmail.so";
-
-std::vector<std::string> libraryCandidates() {
-    if (const char* named = std::getenv("TERNMAIL_LIBRARY"); named != nullptr && *named != '\0') {
-        return {named};
-    }
-    std::vector<std::string> candidates;
-    std::error_code error;
-    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-    if (!error) {
-        candidates.push_back((program.parent_path().parent_path() / "lib" / kLibraryName).string());
-    }
-    candidates.push_back(std::string(TERNVIEW_LIBRARY_DIRECTORY) + "/" + kLibraryName);
-    return candidates;
-}
 
 /// Opening a FIFO for reading would wait for a writer, so the kind is looked at on a descriptor that does not wait.
 int openRegularFile(const std::string& path, std::uint64_t& size) {
@@ -58,7 +40,7 @@ void initialise(ternkit::HostFileInfo& info, ternkit::HostLoadOptions& options) 
 
 FilterModule::FilterModule() {
     std::string tried;
-    for (const std::string& candidate : libraryCandidates()) {
+    for (const std::string& candidate : libraryCandidates("libternmail.so", "TERNMAIL_LIBRARY")) {
         void* library = ::dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (library == nullptr) {
             tried += (tried.empty() ? "" : "; ") + std::string(::dlerror());

@@ -21,6 +21,8 @@ public:
 
     ternkit::Status info(ternkit::FilterInfoRequest& request) const { return module_.fltInfo(&request); }
     ternkit::Status load(ternkit::FilterLoadRequest& request) const { return module_.fltLoad(&request); }
+    /// Frees a record that the filter left in a slot.
+    void freeData(void* record) const { module_.fltFreeData(record, 0); }
 
 private:
     ternkit::TernModule module_{};
@@ -40,6 +42,8 @@ public:
     /// lends its own.
     const std::u16string& name() const { return name_; }
     ternkit::FileHandle handle() const { return handle_; }
+    /// For reading at offsets.
+    int descriptor() const { return descriptor_; }
     std::uint64_t size() const { return size_; }
     /// Up to `count` bytes from the file's start.
     std::string beginning(std::size_t count) const;

@@ -1,6 +1,6 @@
 #include "frames.h"
 
-#include <unistd.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <array>
@@ -15,17 +15,21 @@ namespace {
 constexpr std::size_t kHeaderSize = 8;
 constexpr std::size_t kDataFrame = std::size_t{1} << 20;
 
-void writeAll(int descriptor, const char* bytes, std::size_t size) {
-    while (size > 0) {
-        const ssize_t written = ::write(descriptor, bytes, size);
-        if (written < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
+void writeAll(int descriptor, std::array<iovec, 2> parts) {
+    std::size_t part = 0;
+    while (part < parts.size()) {
+        const ssize_t written = ::writev(descriptor, &parts[part], static_cast<int>(parts.size() - part));
+        if (written < 0 && errno != EINTR) {
             throw std::system_error(errno, std::generic_category(), "write");
         }
-        bytes += written;
-        size -= static_cast<std::size_t>(written);
+        std::size_t left = written > 0 ? static_cast<std::size_t>(written) : 0;
+        while (part < parts.size() && left >= parts[part].iov_len) {
+            left -= parts[part++].iov_len;
+        }
+        if (part < parts.size()) {
+            parts[part].iov_base = static_cast<char*>(parts[part].iov_base) + left;
+            parts[part].iov_len -= left;
+        }
     }
 }
 
@@ -44,12 +48,9 @@ void FrameWriter::send(FrameKind kind, std::string_view payload) {
         throw std::length_error("a frame is too long");
     }
     // Both ends are one program on one machine: the numbers travel in the machine's own byte order.
-    const std::array<std::uint32_t, 2> header{static_cast<std::uint32_t>(kind), static_cast<std::uint32_t>(payload.size())};
+    std::array<std::uint32_t, 2> header{static_cast<std::uint32_t>(kind), static_cast<std::uint32_t>(payload.size())};
     static_assert(sizeof(header) == kHeaderSize);
-    std::array<char, kHeaderSize> bytes;
-    std::memcpy(bytes.data(), header.data(), kHeaderSize);
-    writeAll(descriptor_, bytes.data(), bytes.size());
-    writeAll(descriptor_, payload.data(), payload.size());
+    writeAll(descriptor_, {iovec{header.data(), kHeaderSize}, iovec{const_cast<char*>(payload.data()), payload.size()}});
 }
 
 void FrameParser::feed(std::string_view bytes) {
@@ -65,8 +66,7 @@ std::optional<Frame> FrameParser::next() {
     std::array<std::uint32_t, 2> header;
     std::memcpy(header.data(), pending_.data() + taken_, kHeaderSize);
     const auto [kind, length] = header;
-    if (kind < static_cast<std::uint32_t>(FrameKind::kPage) || kind > static_cast<std::uint32_t>(FrameKind::kResult) ||
-        length > kLargestFrame) {
+    if (kind < static_cast<std::uint32_t>(first_) || kind > static_cast<std::uint32_t>(last_) || length > kLargestFrame) {
         throw std::runtime_error("no frame");
     }
     if (pending_.size() - taken_ - kHeaderSize < length) {

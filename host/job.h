@@ -14,9 +14,10 @@
 
 namespace ternview {
 
-enum class Command { kInfo, kDocument, kRender };
+enum class Command { kInfo, kDocument, kRender, kThumbnail };
 enum class PageFormat { kPng, kPdf };
 enum class DocumentRoute { kMemory, kTemporaryFiles };
+enum class HtmlEngine { kAuto, kEmbedded, kChromium };
 
 /// Pages that a person asked for, such as "1,3-5,8-". Without ranges it is all pages.
 class PageSelection {
@@ -42,10 +43,12 @@ struct Job {
     DocumentRoute route = DocumentRoute::kMemory;
     std::uint32_t uiLanguage = 0;  // LANGID, 0: the environment decides
     PageSetup paper;
+    HtmlEngine htmlEngine = HtmlEngine::kAuto;
     PageFormat pageFormat = PageFormat::kPng;
     PageSelection pages;
     int resolution = 96;          // dots per inch
-    bool describe = false;        // a JSON object will be printed: find out everything that it holds
+    int thumbnailSize = 0;        // pixels of the longer side
+    bool strict = false;          // only what the filter itself gives
     bool deliverDocument = true;  // the bytes of the document are wanted, not only their description
 };
 
@@ -54,6 +57,8 @@ enum class Failure {
     kNone,
     kNoSuchFile,
     kDirectory,
+    kUnreadableDirectory,
+    kNoMailInDirectory,
     kNoRegularFile,
     kUnreadable,
     kEmptyFile,
@@ -70,13 +75,18 @@ enum class Failure {
     kTimeLimit,
     kCrash,
     kWorkerProtocol,
+    kTemporaryFile,
     kOutput,
     kNeedsDirectory,
     kFilterMissing,
+    kBatchMissing,
     kFontsMissing,
     kOfficeMissing,
     kOfficeProgramMissing,
-    kLast = kOfficeProgramMissing,
+    kBrowserMissing,
+    kBrowserProgramMissing,
+    kBrowserUnconfined,
+    kLast = kBrowserUnconfined,
 };
 
 /// Ends a job; the detail completes the sentence that the failure stands for.
@@ -87,6 +97,15 @@ public:
 
 private:
     Failure failure_;
+};
+
+/// What the host did for a message beyond asking the filter for it.
+enum class Help {
+    kMbox,       // it was taken out of a file that holds several
+    kCorrected,  // the filter refused it as it came, and was given a corrected copy
+    kNoText,     // likewise; the message has no text, and the copy says so
+    kPlainText,  // the filter refused it as rich text
+    kLast = kPlainText,
 };
 
 struct TempFile {
@@ -111,6 +130,8 @@ struct JobResult {
     std::uint32_t yResolution = 0;
     Failure failure = Failure::kNone;
     std::string detail;
+    std::vector<Help> helps;
+    LayoutOrigin origin;  // of the pages
 };
 
 }  // namespace ternview

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "job.h"
 
@@ -11,6 +12,9 @@ namespace ternview {
 
 /// The object of --json, indented, with a line break behind it.
 std::string resultAsJson(const JobResult& result);
+
+/// The names by which an object tells what the host did for a message, in the order in which it was done.
+std::vector<std::string_view> helpNames(const std::vector<Help>& helps);
 
 /// The worker's report: everything in the result.
 std::string packResult(const JobResult& result);

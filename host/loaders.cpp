@@ -10,6 +10,8 @@
 #include <fstream>
 #include <new>
 
+#include "html_engine.h"
+
 namespace ternview {
 namespace {
 
@@ -28,11 +30,6 @@ std::unique_ptr<LaidOutDocument> loadText(const HandedDocument& document, const 
     return layOutText(document.bytes, paper);
 }
 
-std::unique_ptr<LaidOutDocument> loadHtml(const HandedDocument& document, const PageSetup& paper) {
-    const auto directory = document.file ? std::optional(document.file->parent_path()) : std::nullopt;
-    return layOutHtml(document.bytes, directory, paper);
-}
-
 std::unique_ptr<LaidOutDocument> loadRtf(const HandedDocument& document, const PageSetup& paper) {
     return layOutRtf(document.bytes, paper);
 }
@@ -43,7 +40,7 @@ struct Loader {
 };
 
 constexpr std::array kLoaders{
-    Loader{ternkit::kFormatHtml, loadHtml},
+    Loader{ternkit::kFormatHtml, layOutWithChosenEngine},
     Loader{ternkit::kFormatRtf, loadRtf},
     Loader{ternkit::kFormatText, loadText},
 };
@@ -90,6 +87,9 @@ Status deliverFile(DocumentTarget* target, std::uint32_t format, const char16_t*
         const std::string bytes = readFile(file);
         return deliver(target, {format, bytes, file});
     } catch (const std::bad_alloc&) {
+        if (target != nullptr) {
+            target->failure = Failure::kOutOfMemory;
+        }
         return ternkit::kNoMemory;
     } catch (const std::exception&) {
         return ternkit::kCannotOpen;

@@ -37,6 +37,7 @@ public:
     std::vector<TempFile> tempFiles;
     std::uint32_t pages = 0;
     PaperSize paper{};  // of the first page
+    LayoutOrigin origin;
     Failure failure = Failure::kNone;
     std::string detail;
 

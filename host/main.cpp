@@ -21,8 +21,8 @@ OutputPlan planOutput(const CommandLine& line) {
 JobResult run(const CommandLine& line, OutputFiles& outputs) {
     JobResult result;
     try {
-        Office office;
-        result = runInWorker(line.job, office, outputs, line.timeLimit);
+        Services services;
+        result = runInWorker(line.job, services, outputs, line.timeLimit);
         if (exitCodeOf(result) == kExitDone) {
             outputs.commit();
         }
@@ -44,8 +44,13 @@ void report(const CommandLine& line, const JobResult& result, const OutputFiles&
     if (line.quiet) {
         return;
     }
-    if (const std::string note = messageNumberNote(result, line.job); !note.empty()) {
-        std::cerr << "ternview: " << note << '\n';
+    for (const Help help : result.helps) {
+        std::cerr << "ternview: " << helpNote(help, result, line.job) << '\n';
+    }
+    for (const std::string& note : {messageNumberNote(result, line.job), layoutNote(result, line.job)}) {
+        if (!note.empty()) {
+            std::cerr << "ternview: " << note << '\n';
+        }
     }
     if (line.json) {
         return;
@@ -79,6 +84,12 @@ int main(int argc, char** argv) {
     }
     std::signal(SIGPIPE, SIG_IGN);  // a reader that went away is a failed write
     try {
+        if (const auto* list = std::get_if<ListRequest>(&parsed)) {
+            return runList(*list);
+        }
+        if (const auto* exports = std::get_if<ExportRequest>(&parsed)) {
+            return runExport(*exports);
+        }
         return runCommand(std::get<CommandLine>(parsed));
     } catch (const Interrupted& interrupted) {
         std::signal(interrupted.signal, SIG_DFL);

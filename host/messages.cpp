@@ -55,6 +55,9 @@ constexpr std::string_view kTryPlainText = "Try --plain-text.";
 constexpr std::array kFailureTexts{
     FailureText{Failure::kNoSuchFile, "there is no such file", "Check the name."},
     FailureText{Failure::kDirectory, "this is a directory, not a mail file", kAnotherFile},
+    FailureText{Failure::kUnreadableDirectory, "the directory cannot be read: %", "Check its permissions."},
+    FailureText{Failure::kNoMailInDirectory, "there is no mail file in this directory",
+                "Files in a directory are taken for mail when their names end in .pst, .msg or .eml, or when it is a Maildir."},
     FailureText{Failure::kNoRegularFile, "this is a device or a pipe, not a file", "Copy what it gives into a file first."},
     FailureText{Failure::kUnreadable, "the file cannot be read: %", "Check its permissions."},
     FailureText{Failure::kEmptyFile, "the file is empty", kAnotherFile},
@@ -74,11 +77,14 @@ constexpr std::array kFailureTexts{
                 "can cause",
                 kTryPlainText},
     FailureText{Failure::kWorkerProtocol, "the worker process that read the message went wrong and was stopped", kTryPlainText},
+    FailureText{Failure::kTemporaryFile, "a temporary file cannot be written: %", "Name another directory for it in TMPDIR."},
     FailureText{Failure::kOutput, "the output cannot be written: %", "Choose another place with -o."},
     FailureText{Failure::kNeedsDirectory, "the message is an HTML document, which with --temp-files comes as several files",
                 "Name a directory for them with -o DIRECTORY."},
     FailureText{Failure::kFilterMissing, "the mail filter libternmail.so cannot be loaded (%)",
                 "Install the Debian package ternmail, or name the library's file in TERNMAIL_LIBRARY."},
+    FailureText{Failure::kBatchMissing, "the library libternmail_batch.so, which reads all messages of a file, cannot be loaded (%)",
+                "Install the Debian package ternmail, or name the library's file in TERNMAIL_BATCH_LIBRARY."},
     FailureText{Failure::kFontsMissing, "there are no fonts on this system, so no page can be drawn",
                 "Install the Debian package fonts-dejavu-core."},
     FailureText{
@@ -86,7 +92,21 @@ constexpr std::array kFailureTexts{
         "Install the Debian package libreoffice-writer-nogui, or name the program directory of a suite in TERNVIEW_OFFICE."},
     FailureText{Failure::kOfficeProgramMissing, "the message's text is RTF, and the program that lays it out is not there: %",
                 "Install the Debian package ternmail."},
+    FailureText{Failure::kBrowserMissing, "its pages were to be laid out by the browser Chromium, and there is none in %",
+                "Install the Debian package chromium-headless-shell, as scripts/setup --with-browser does, or name a browser's "
+                "program in TERNVIEW_BROWSER."},
+    FailureText{Failure::kBrowserProgramMissing, "the program that has a browser lay out pages is not there: %",
+                "Install the Debian package ternmail."},
+    FailureText{Failure::kBrowserUnconfined, "its pages were to be laid out by a browser, which cannot be confined here: %",
+                "Allow user namespaces, or set TERNVIEW_BROWSER_SANDBOX=off where something else confines this program."},
 };
+
+/// @return null for a failure that leaves its explanation to the status
+const FailureText* textOf(Failure failure) {
+    const auto found = std::find_if(kFailureTexts.begin(), kFailureTexts.end(),
+                                    [failure](const FailureText& text) { return text.failure == failure; });
+    return found == kFailureTexts.end() ? nullptr : &*found;
+}
 
 std::string fill(std::string_view sentence, std::string_view detail) {
     std::string text(sentence);
@@ -144,6 +164,19 @@ std::string formatLine(std::uint32_t format) {
     return std::string(formatName(format)) + " (" + std::to_string(format) + ")";
 }
 
+/// Whether a character leaves a terminal and the text around it as they are.
+bool isHarmless(char32_t character) {
+    const bool isControl = character < 0x20 || (character >= 0x7F && character < 0xA0);
+    const bool breaksLine = character == 0x2028 || character == 0x2029;
+    const bool reorders = (character >= 0x202A && character <= 0x202E) || (character >= 0x2066 && character <= 0x2069);
+    return !isControl && !breaksLine && !reorders;
+}
+
+/// A store, or a file in mbox form.
+bool holdsSeveral(const JobResult& result) {
+    return result.messageCount > 0;
+}
+
 std::string millimetres(std::uint32_t pixels, std::uint32_t resolution) {
     return std::to_string(std::lround(pixels * 25.4 / resolution));
 }
@@ -159,9 +192,13 @@ std::string_view statusMeaning(Status status) {
 ExitCode exitCodeOf(const JobResult& result) {
     switch (result.failure) {
         case Failure::kFilterMissing:
+        case Failure::kBatchMissing:
         case Failure::kFontsMissing:
         case Failure::kOfficeMissing:
         case Failure::kOfficeProgramMissing:
+        case Failure::kBrowserMissing:
+        case Failure::kBrowserProgramMissing:
+        case Failure::kBrowserUnconfined:
             return kExitMissing;
         case Failure::kNeedsDirectory:
             return kExitUsage;
@@ -172,35 +209,55 @@ ExitCode exitCodeOf(const JobResult& result) {
     }
 }
 
+std::string failureReason(const JobResult& result) {
+    const FailureText* text = textOf(result.failure);
+    return (text != nullptr ? fill(text->sentence, printableName(result.detail))
+                            : "the message cannot be shown: " + std::string(statusMeaning(result.status))) +
+           statusSuffix(result);
+}
+
 std::string failureMessage(const JobResult& result, const Job& job) {
-    const auto found = std::find_if(kFailureTexts.begin(), kFailureTexts.end(),
-                                    [&result](const FailureText& text) { return text.failure == result.failure; });
-    std::string sentence;
-    std::string_view advice;
-    if (found != kFailureTexts.end()) {
-        sentence = fill(found->sentence, printableName(result.detail));
-        advice = found->advice;
-    } else {
-        sentence = "the message cannot be shown: " + std::string(statusMeaning(result.status));
-        advice = adviceFor(result.status);
-    }
-    if (job.plainTextOnly && advice == kTryPlainText) {
+    const FailureText* text = textOf(result.failure);
+    std::string_view advice = text != nullptr ? text->advice : adviceFor(result.status);
+    // A file manager asks for thumbnails; its user has no options to try.
+    const bool isForNobody = job.command == Command::kThumbnail && exitCodeOf(result) != kExitMissing;
+    if (isForNobody || (job.plainTextOnly && advice == kTryPlainText)) {
         advice = "";
     }
-    std::string message = printableName(job.file) + ": " + sentence + statusSuffix(result) + ".";
+    std::string message = printableName(job.file) + ": " + failureReason(result) + ".";
     return advice.empty() ? message : message + " " + std::string(advice);
 }
 
 std::string messageNumberNote(const JobResult& result, const Job& job) {
-    if (result.sourceFormat != ternkit::kFormatPst || result.messageIndex + 1 == job.messageNumber) {
+    if (!holdsSeveral(result) || result.messageIndex + 1 == job.messageNumber) {
         return "";
     }
     return printableName(job.file) + ": there is no message " + std::to_string(job.messageNumber) + "; this is message " +
            std::to_string(result.messageIndex + 1) + " of " + std::to_string(result.messageCount) + ".";
 }
 
+std::string layoutNote(const JobResult& result, const Job& job) {
+    const std::string& note = result.origin.note;
+    return note.empty() ? "" : printableName(job.file) + ": " + printableName(note) + ".";
+}
+
+std::string helpNote(Help help, const JobResult& result, const Job& job) {
+    const std::string file = printableName(job.file) + ": ";
+    switch (help) {
+        case Help::kMbox:
+            return file + "this file holds " + std::to_string(result.messageCount) + " messages in mbox form; this is message " +
+                   std::to_string(result.messageIndex + 1) + ".";
+        case Help::kCorrected:
+            return file + "the message is not written as the standards ask; a corrected copy of it is shown.";
+        case Help::kNoText:
+            return file + "the message has no text; its header lines are shown.";
+        case Help::kPlainText:
+            return file + "the message has no formatted text that can be shown; its plain text is shown.";
+    }
+    return {};
+}
+
 std::string describeMessage(const JobResult& result, const Job& job) {
-    const bool isStore = result.sourceFormat == ternkit::kFormatPst;
     const auto line = [](std::string_view label, const std::string& value) {
         std::string text(label);
         text.resize(11, ' ');
@@ -208,8 +265,8 @@ std::string describeMessage(const JobResult& result, const Job& job) {
     };
     std::string text = line("File:", printableName(job.file));
     text += line("Source:", formatLine(result.sourceFormat));
-    const std::uint32_t count = isStore ? result.messageCount : 1;
-    text += line("Message:", std::to_string(isStore ? result.messageIndex + 1 : 1) + " of " + std::to_string(count));
+    text += line("Message:", holdsSeveral(result) ? std::to_string(result.messageIndex + 1) + " of " + std::to_string(result.messageCount)
+                                                  : "1 of 1");
     text += line("Document:", formatLine(result.documentFormat) + ", " + std::to_string(result.size) + " bytes");
     for (const TempFile& file : result.tempFiles) {
         text += line("", printableName(file.name) + ", " + std::to_string(file.size) + " bytes");
@@ -226,8 +283,7 @@ std::string printableName(std::string_view name) {
     std::string printable;
     while (!name.empty()) {
         const Utf8Step step = readUtf8(name);
-        const bool isControl = step.character < 0x20 || (step.character >= 0x7F && step.character < 0xA0);
-        if (!step.valid || isControl) {
+        if (!step.valid || !isHarmless(step.character)) {
             printable += '?';
         } else {
             printable += name.substr(0, step.size);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -60,10 +61,20 @@ PendingFile::PendingFile(const fs::path& target) : target_(target) {
         if (fs::exists(status)) {
             target_ = fs::canonical(target, error);  // a link stays, and what it points to is replaced
         }
-        const fs::path directory = target_.has_parent_path() ? target_.parent_path() : fs::path(".");
-        temporary_ = (directory / ".ternview-XXXXXX").string();
-        descriptor_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
+        makeTemporary(target_.has_parent_path() ? target_.parent_path() : fs::path("."));
     }
+    if (descriptor_ < 0) {
+        fail(errno);
+    }
+}
+
+PendingFile::PendingFile(const Nameless& place) : target_(place.directory) {
+    makeTemporary(place.directory);
+}
+
+void PendingFile::makeTemporary(const fs::path& directory) {
+    temporary_ = (directory / ".ternview-XXXXXX").string();
+    descriptor_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
     if (descriptor_ < 0) {
         const int reason = errno;
         temporary_.clear();
@@ -105,6 +116,30 @@ void PendingFile::commit() {
     temporary_.clear();
 }
 
+bool PendingFile::commitAs(const fs::path& target, Existing existing) {
+    target_ = target;
+    if (existing == Existing::kReplace) {
+        commit();
+        return true;
+    }
+    int error = ::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE) == 0 ? 0 : errno;
+    if (error == EINVAL || error == ENOSYS) {  // not every file system can do that
+        struct stat status {};
+        error = ::lstat(target_.c_str(), &status) == 0 ? EEXIST : 0;
+        if (error == 0 && ::rename(temporary_.c_str(), target_.c_str()) != 0) {
+            error = errno;
+        }
+    }
+    if (error == EEXIST) {
+        return false;
+    }
+    if (error != 0) {
+        fail(error);
+    }
+    temporary_.clear();
+    return true;
+}
+
 void PendingFile::fail(int error) const {
     failOn(target_, std::strerror(error));
 }
@@ -129,11 +164,8 @@ fs::path OutputFiles::pagePath(std::string_view label) const {
     return out.parent_path() / name;
 }
 
-/// The name comes out of a mail, so it must be a name and nothing else.
 fs::path OutputFiles::tempFilePath(std::string_view name) const {
-    const bool isName = !name.empty() && name != "." && name != ".." && name.size() <= kLongestName &&
-                        name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
-    if (!isName) {
+    if (!isPlainName(name)) {
         throw JobError(Failure::kWorkerProtocol);
     }
     if (!plan_.out) {
@@ -187,8 +219,17 @@ void OutputFiles::commit() {
     }
 }
 
+bool isPlainName(std::string_view name) {
+    return !name.empty() && name != "." && name != ".." && name.size() <= kLongestName &&
+           name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
 void writeStandardOutput(std::string_view bytes) {
-    if (const int error = writeAll(STDOUT_FILENO, bytes); error != 0) {
+    const int error = writeAll(STDOUT_FILENO, bytes);
+    if (error == EPIPE) {
+        throw Interrupted{SIGPIPE};
+    }
+    if (error != 0) {
         throw JobError(Failure::kOutput, std::string("standard output: ") + std::strerror(error));
     }
 }

@@ -17,8 +17,15 @@ namespace ternview {
 /// and is no regular file, such as /dev/null, is written to directly.
 class PendingFile {
 public:
+    /// A directory in which a file is made whose name is given in the end.
+    struct Nameless {
+        std::filesystem::path directory;
+    };
+    enum class Existing { kKeep, kReplace };
+
     /// @throws JobError with the reason
     explicit PendingFile(const std::filesystem::path& target);
+    explicit PendingFile(const Nameless& place);
     ~PendingFile();
     PendingFile(const PendingFile&) = delete;
     PendingFile& operator=(const PendingFile&) = delete;
@@ -26,8 +33,12 @@ public:
     void write(std::string_view bytes);
     void close();
     void commit();
+    /// Gives a nameless file its name.
+    /// @return false when that is taken already, and what has it is to be kept
+    bool commitAs(const std::filesystem::path& target, Existing existing);
 
 private:
+    void makeTemporary(const std::filesystem::path& directory);
     [[noreturn]] void fail(int error) const;
 
     std::filesystem::path target_;
@@ -65,8 +76,11 @@ private:
     bool toStandardOutput_ = false;
 };
 
+/// Whether a name that came out of a mail is a name and nothing else, so that a file of that name lies where it is put.
+bool isPlainName(std::string_view name);
+
 /// Writes everything, as standard output is unbuffered here.
-/// @throws JobError
+/// @throws JobError, and Interrupted when nobody reads it any more
 void writeStandardOutput(std::string_view bytes);
 
 }  // namespace ternview

@@ -4,6 +4,7 @@
 #include <cairo.h>
 
 #include <algorithm>
+#include <cmath>
 #include <exception>
 #include <memory>
 #include <numeric>
@@ -69,12 +70,34 @@ struct Stream {
     }
 };
 
-void drawOnPaper(LaidOutDocument& document, int page, cairo_t* context) {
-    cairo_save(context);
-    cairo_set_source_rgb(context, 1, 1, 1);
-    cairo_paint(context);
-    cairo_restore(context);
-    document.drawPage(page - 1, context);
+struct PixelSize {
+    int width;
+    int height;
+};
+struct Scale {
+    double x;
+    double y;
+};
+
+/// @param page 1-based
+Surface drawnPage(LaidOutDocument& document, int page, PixelSize size, Scale scale) {
+    Surface surface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, size.width, size.height));
+    check(cairo_surface_status(surface.get()));
+    const Context context(cairo_create(surface.get()));
+    cairo_set_source_rgb(context.get(), 1, 1, 1);
+    cairo_paint(context.get());
+    cairo_set_source_rgb(context.get(), 0, 0, 0);
+    cairo_scale(context.get(), scale.x, scale.y);
+    document.drawPage(page - 1, context.get());
+    check(cairo_status(context.get()));
+    return surface;
+}
+
+void sendPng(const Surface& surface, FrameKind kind, const std::string& label, FrameWriter& out) {
+    out.begin(kind, label);
+    Stream stream{out};
+    stream.check(cairo_surface_write_to_png_stream(surface.get(), Stream::write, &stream));
+    out.end();
 }
 
 }  // namespace
@@ -84,18 +107,25 @@ void writePngPages(LaidOutDocument& document, const Job& job, FrameWriter& out) 
     for (const int page : pages) {
         const PaperSize paper = document.paperSize(page - 1);
         const PageGeometry geometry = pageGeometry(paper, job.resolution);
-        const Surface surface(
-            cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(geometry.width), static_cast<int>(geometry.height)));
-        check(cairo_surface_status(surface.get()));
-        const Context context(cairo_create(surface.get()));
-        cairo_scale(context.get(), geometry.width / paper.width, geometry.height / paper.height);
-        drawOnPaper(document, page, context.get());
-        check(cairo_status(context.get()));
-        out.begin(FrameKind::kPage, std::to_string(page) + "/" + std::to_string(pages.size()));
-        Stream stream{out};
-        stream.check(cairo_surface_write_to_png_stream(surface.get(), Stream::write, &stream));
-        out.end();
+        const PixelSize size{static_cast<int>(geometry.width), static_cast<int>(geometry.height)};
+        const Surface surface = drawnPage(document, page, size, {size.width / paper.width, size.height / paper.height});
+        sendPng(surface, FrameKind::kPage, std::to_string(page) + "/" + std::to_string(pages.size()), out);
     }
+}
+
+void writeThumbnail(LaidOutDocument& document, FrameWriter& out) {
+    const PaperSize paper = document.paperSize(0);
+    const double scale = kThumbnailWidth / paper.width;
+    const PixelSize size{kThumbnailWidth, std::clamp(static_cast<int>(paper.height * scale), 1, kThumbnailHeight)};
+    sendPng(drawnPage(document, 1, size, {scale, scale}), FrameKind::kThumbnail, {}, out);
+}
+
+void writeThumbnail(LaidOutDocument& document, int longerSide, FrameWriter& out) {
+    const PaperSize paper = document.paperSize(0);
+    const double scale = longerSide / std::max(paper.width, paper.height);
+    const auto pixels = [scale](double side) { return std::max(static_cast<int>(std::lround(side * scale)), 1); };
+    const PixelSize size{pixels(paper.width), pixels(paper.height)};
+    sendPng(drawnPage(document, 1, size, {scale, scale}), FrameKind::kThumbnail, {}, out);
 }
 
 void writePdf(LaidOutDocument& document, const Job& job, FrameWriter& out) {
@@ -106,6 +136,9 @@ void writePdf(LaidOutDocument& document, const Job& job, FrameWriter& out) {
     const Surface surface(cairo_pdf_surface_create_for_stream(Stream::write, &stream, first.width * kPointsPerPixel,
                                                               first.height * kPointsPerPixel));
     cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_CREATOR, "ternview");
+    if (const std::string title = document.title(); !title.empty()) {
+        cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_TITLE, title.c_str());
+    }
     const Context context(cairo_create(surface.get()));
     cairo_scale(context.get(), kPointsPerPixel, kPointsPerPixel);
     for (const int page : pages) {

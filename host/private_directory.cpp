@@ -16,15 +16,23 @@ PrivateDirectory::PrivateDirectory() {
             return;
         }
     }
-    if (!make("/tmp")) {
-        throw JobError(Failure::kOutput,
-                       std::string("no directory for temporary files can be made in /tmp: ") + std::strerror(errno));
-    }
+    makeOrThrow("/tmp");
+}
+
+PrivateDirectory::PrivateDirectory(const std::string& parent) {
+    makeOrThrow(parent);
 }
 
 PrivateDirectory::~PrivateDirectory() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
+}
+
+void PrivateDirectory::makeOrThrow(const std::string& parent) {
+    if (!make(parent)) {
+        throw JobError(Failure::kOutput,
+                       "no directory for temporary files can be made in " + parent + ": " + std::strerror(errno));
+    }
 }
 
 bool PrivateDirectory::make(const std::string& parent) {

@@ -10,6 +10,9 @@ class PrivateDirectory {
 public:
     /// @throws JobError when none can be made
     PrivateDirectory();
+    /// Lies in that directory instead.
+    /// @throws JobError likewise
+    explicit PrivateDirectory(const std::string& parent);
     ~PrivateDirectory();
     PrivateDirectory(const PrivateDirectory&) = delete;
     PrivateDirectory& operator=(const PrivateDirectory&) = delete;
@@ -18,6 +21,7 @@ public:
 
 private:
     bool make(const std::string& parent);
+    void makeOrThrow(const std::string& parent);
 
     std::string path_;
 };

@@ -63,6 +63,31 @@ bool isValidUtf8(std::string_view text) {
     return true;
 }
 
+std::string_view beginningOfUtf8(std::string_view text, std::size_t most) {
+    if (text.size() <= most) {
+        return text;
+    }
+    while (most > 0 && (static_cast<unsigned char>(text[most]) & 0xC0) == 0x80) {
+        --most;
+    }
+    return text.substr(0, most);
+}
+
+std::string repairedUtf8(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    while (!text.empty()) {
+        const Utf8Step step = readUtf8(text);
+        if (step.valid) {
+            out += text.substr(0, step.size);
+        } else {
+            appendUtf8(out, kReplacement);
+        }
+        text.remove_prefix(step.size);
+    }
+    return out;
+}
+
 void appendUtf8(std::string& out, char32_t character) {
     const auto append = [&out](char32_t byte) { out.push_back(static_cast<char>(byte)); };
     if (character < 0x80) {

@@ -20,6 +20,12 @@ Utf8Step readUtf8(std::string_view text);
 
 bool isValidUtf8(std::string_view text);
 
+/// The beginning of valid UTF-8, of at most that many bytes, that ends where a character does.
+std::string_view beginningOfUtf8(std::string_view text, std::size_t most);
+
+/// The text with U+FFFD in place of each invalid sequence.
+std::string repairedUtf8(std::string_view text);
+
 void appendUtf8(std::string& out, char32_t character);
 
 /// Invalid sequences become U+FFFD.

@@ -1,13 +1,7 @@
 #include "worker.h"
 
-#include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
-#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -16,22 +10,24 @@
 
 #include <ternkit/formats.h>
 
+#include "browser/browser.h"
+#include "cache_slot.h"
+#include "confinement.h"
+#include "explanation.h"
 #include "filter_module.h"
+#include "html_engine.h"
 #include "json_output.h"
 #include "loaders.h"
 #include "office/office.h"
 #include "page_output.h"
-#include "sanitized.h"
+#include "repair/helping_hands.h"
 
 namespace ternview {
 namespace {
 
-constexpr rlim_t kMemoryLimit = rlim_t{2} << 30;
-constexpr rlim_t kFileLimit = rlim_t{1} << 30;
 constexpr std::uint32_t kLoadModeMemoryOnly = 3;
-constexpr std::size_t kShortestMail = 12;
 
-// ---- targets of the three commands
+// ---- targets of the commands
 
 /// Takes the document's bytes for counting only.
 class SizeOnly final : public DocumentTarget {
@@ -46,6 +42,7 @@ public:
 private:
     void use(const HandedDocument& document) override {
         const auto laidOut = layOut(document, paper_);
+        origin = laidOut->origin;
         pages = static_cast<std::uint32_t>(laidOut->pageCount());
         paper = laidOut->paperSize(0);
     }
@@ -93,8 +90,27 @@ public:
 private:
     void use(const HandedDocument& document) override {
         const auto laidOut = layOut(document, job_.paper);
+        origin = laidOut->origin;
         pages = static_cast<std::uint32_t>(laidOut->pageCount());
         (job_.pageFormat == PageFormat::kPdf ? writePdf : writePngPages)(*laidOut, job_, out_);
+    }
+
+    const Job& job_;
+    FrameWriter& out_;
+};
+
+/// Sends the first page in small. Only what is laid out in this process is quick enough for that.
+class Thumbnail final : public DocumentTarget {
+public:
+    Thumbnail(const Job& job, FrameWriter& out) : job_(job), out_(out) {}
+
+private:
+    void use(const HandedDocument& document) override {
+        if (document.format == ternkit::kFormatRtf) {
+            throw LoadError("its text is RTF, which needs an office suite, and that takes too long for a small picture");
+        }
+        const auto laidOut = layOut(document, job_.paper);
+        writeThumbnail(*laidOut, job_.thumbnailSize, out_);
     }
 
     const Job& job_;
@@ -108,17 +124,21 @@ void takeOver(JobResult& result, const DocumentTarget& target) {
     result.size = target.size;
     result.tempFiles = target.tempFiles;
     result.pages = target.pages;
+    result.origin = target.origin;
     result.failure = target.failure;
     result.detail = target.detail;
 }
 
 /// Calls fltInfo and takes over what it says of the source and of the pages.
-void callInfo(const FilterModule& module, const MailFile& file, const Job& job, DocumentTarget& target, JobResult& result) {
+void callInfo(const FilterModule& module, const MailFile& file, const Job& job, CacheSlot& slot, DocumentTarget& target,
+              JobResult& result) {
     InfoCallRecords call(file, job);
+    call.request.cacheSlot = slot.record();
     const AttachedLoaders loaders(call.request, target, job.resolution);
     result.messageIndex = job.messageNumber - 1;
     result.status = module.info(call.request);
     result.loaderStatus = call.request.loaderStatus;
+    takeOver(result, target);
     if (result.status < ternkit::kOk) {
         return;
     }
@@ -131,8 +151,11 @@ void callInfo(const FilterModule& module, const MailFile& file, const Job& job, 
     result.yResolution = call.fileInfo.yResolution;
 }
 
-void callLoad(const FilterModule& module, const MailFile& file, const Job& job, DocumentTarget& target, JobResult& result) {
+/// @param slot of the file; an empty one has fltLoad read the message itself
+void callLoad(const FilterModule& module, const MailFile& file, const Job& job, CacheSlot& slot, DocumentTarget& target,
+              JobResult& result) {
     LoadCallRecords call(file, job);
+    call.request.cacheSlot = slot.record();
     AlternativeTarget alternative;
     if (job.command == Command::kRender && job.pageFormat == PageFormat::kPdf) {
         call.request.targetObject = &alternative;
@@ -143,50 +166,21 @@ void callLoad(const FilterModule& module, const MailFile& file, const Job& job, 
     takeOver(result, target);
 }
 
-// ---- why there is nothing to show
-
-bool hasField(std::string_view head, std::string_view name) {
-    const auto sameLetter = [](char a, char b) {
-        return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-    };
-    for (std::size_t line = 0; line < head.size();) {
-        const std::string_view rest = head.substr(line);
-        if (rest.size() > name.size() && std::equal(name.begin(), name.end(), rest.begin(), sameLetter)) {
-            return true;
-        }
-        const std::size_t lineEnd = head.find_first_of("\r\n", line);
-        line = lineEnd == std::string_view::npos ? head.size() : lineEnd + 1;
+/// Shows a message in small; one whose text is RTF by its plain text, if it has any.
+void callLoadForThumbnail(const FilterModule& module, const MailFile& file, Job job, FrameWriter& out, JobResult& result) {
+    CacheSlot empty(module);  // the two documents are not the same
+    Thumbnail target(job, out);
+    callLoad(module, file, job, empty, target, result);
+    if (result.documentFormat != ternkit::kFormatRtf) {
+        return;
     }
-    return false;
-}
-
-/// Tells the reasons apart that share a status: it looks at the file's beginning, for the sentence only.
-Failure explain(const MailFile& file, ternkit::Status status) {
-    if (file.size() == 0) {
-        return Failure::kEmptyFile;
+    job.plainTextOnly = true;
+    Thumbnail plainText(job, out);
+    JobResult plainResult;
+    callLoad(module, file, job, empty, plainText, plainResult);
+    if (plainResult.status >= ternkit::kOk) {
+        result = plainResult;
     }
-    if (file.size() < kShortestMail) {
-        return Failure::kTooShort;
-    }
-    if (status == ternkit::kNoMemory) {
-        return Failure::kStatus;
-    }
-    const std::string head = file.beginning(std::size_t{1} << 16);
-    if (head.starts_with("!BDN")) {
-        return status == ternkit::kBadArgument ? Failure::kEmptyStore : Failure::kStatus;
-    }
-    if (status != ternkit::kUnusable || head.starts_with("\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1")) {
-        return Failure::kStatus;
-    }
-    const auto has = [&head](std::string_view name) { return hasField(head, name); };
-    if (!has("From:") && !has("Date:") && !has("Subject:") && !has("Received:") && !has("MIME-Version:") &&
-        !has("Content-Type:")) {
-        return Failure::kNoMail;
-    }
-    if (head.find("\r\n") == std::string::npos && head.find('\n') != std::string::npos) {
-        return Failure::kBareLineFeeds;
-    }
-    return has("Content-Type:") ? Failure::kNoText : Failure::kNoContentType;
 }
 
 std::unique_ptr<DocumentTarget> loadTarget(const Job& job, FrameWriter& out) {
@@ -199,69 +193,54 @@ std::unique_ptr<DocumentTarget> loadTarget(const Job& job, FrameWriter& out) {
     return std::make_unique<SizeOnly>();
 }
 
-void callFilter(const Job& job, FrameWriter& out, JobResult& result) {
+/// fltInfo reads the message, and it alone tells which one a number stands for: a store's last one answers for all behind it.
+/// fltLoad then takes the message from the slot.
+void loadThroughSlot(const FilterModule& module, const MailFile& file, const Job& job, CacheSlot& slot, FrameWriter& out,
+                     JobResult& result) {
+    SizeOnly described;
+    callInfo(module, file, job, slot, described, result);
+    if (result.status == ternkit::kOk) {
+        const std::unique_ptr<DocumentTarget> target = loadTarget(job, out);
+        callLoad(module, file, job, slot, *target, result);
+    }
+}
+
+/// One attempt at a message, by the filter alone.
+JobResult callFilter(const FilterModule& module, const MailFile& file, const Job& job, FrameWriter& out) {
+    JobResult result;
+    CacheSlot slot(module);
+    if (job.command == Command::kInfo) {
+        PageCount target(job.paper);
+        callInfo(module, file, job, slot, target, result);
+    } else if (job.command == Command::kThumbnail) {
+        callLoadForThumbnail(module, file, job, out, result);
+    } else {
+        loadThroughSlot(module, file, job, slot, out, result);
+    }
+    if (result.status < ternkit::kOk && result.failure == Failure::kNone) {
+        result.failure = explainStatus(file, result.status);
+    }
+    return result;
+}
+
+void showMessage(const Job& job, FrameWriter& out, JobResult& result) {
     result.status = ternkit::kCannotOpen;  // what fltLoad says of such a file; fltInfo needs it open
     const MailFile file(job.file);
     result.status = 0;
     const FilterModule module;
     TbHostSetUiLanguage(job.uiLanguage);
     TbHostSetLoadMode(job.route == DocumentRoute::kMemory ? kLoadModeMemoryOnly : 0);
-    if (job.command == Command::kInfo) {
-        PageCount target(job.paper);
-        callInfo(module, file, job, target, result);
-        takeOver(result, target);
-    } else {
-        // Which message a number stands for, fltInfo alone tells: a store's last one answers for all behind it.
-        if (job.describe || job.messageNumber > 1) {
-            SizeOnly target;
-            callInfo(module, file, job, target, result);
-        }
-        const std::unique_ptr<DocumentTarget> target = loadTarget(job, out);
-        callLoad(module, file, job, *target, result);
-    }
-    if (result.status < ternkit::kOk && result.failure == Failure::kNone) {
-        result.failure = explain(file, result.status);
-    }
-}
-
-// ---- the process
-
-void setLimit(__rlimit_resource resource, rlim_t soft, rlim_t hard) {
-    struct rlimit current {};
-    if (::getrlimit(resource, &current) == 0) {
-        const struct rlimit lowered { std::min(soft, current.rlim_max), std::min(hard, current.rlim_max) };
-        ::setrlimit(resource, &lowered);
-    }
-}
-
-void setLimits(std::chrono::seconds timeLimit) {
-    setLimit(RLIMIT_CORE, 0, 0);
-    setLimit(RLIMIT_FSIZE, kFileLimit, kFileLimit);
-    // The program's own clock comes first; this one is for a worker whose program is held up.
-    const auto seconds = static_cast<rlim_t>(timeLimit.count());
-    setLimit(RLIMIT_CPU, seconds + 1, seconds + 2);
-#ifndef TERNVIEW_SANITIZED
-    setLimit(RLIMIT_AS, kMemoryLimit, kMemoryLimit);
-#endif
-}
-
-/// What libraries grumble about a stranger's mail is of no use to a reader, and there is one sentence for each failure.
-void silenceErrorOutput() {
-#ifndef TERNVIEW_SANITIZED
-    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (null >= 0) {
-        ::dup2(null, STDERR_FILENO);
-        ::close(null);
-    }
-#endif
+    const auto show = [&module, &out](const MailFile& mail, const Job& asked) { return callFilter(module, mail, asked, out); };
+    result = job.strict ? show(file, job) : showWithHelp(file, job, show);
 }
 
 }  // namespace
 
 void runJob(const Job& job, FrameWriter& out) {
     JobResult result;
+    useHtmlEngine(job.htmlEngine);
     try {
-        callFilter(job, out, result);
+        showMessage(job, out, result);
     } catch (const JobError& error) {
         result.failure = error.failure();
         result.detail = error.what();
@@ -271,21 +250,16 @@ void runJob(const Job& job, FrameWriter& out) {
     out.result(packResult(result));
 }
 
-void workerMain(const Job& job, const WorkerEnvironment& environment) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != environment.parent) {  // it ended before it could be watched
-        ::_exit(EXIT_FAILURE);
-    }
-    ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails instead
-    setLimits(environment.timeLimit);
-    silenceErrorOutput();
-    ::setenv("XDG_RUNTIME_DIR", environment.privateDirectory.c_str(), 1);
+void workerMain(const WorkerTask& task, const WorkerEnvironment& environment) {
+    closeAllBut({environment.descriptor, environment.officeGate, environment.browserGate});
+    confine({environment.privateDirectory, environment.parent});
+    limitProcessorTime(environment.timeLimit);
     useOffice({environment.officeGate, environment.timeLimit});
+    useBrowser({environment.browserGate, environment.timeLimit});
     try {
         FrameWriter out(environment.descriptor);
-        runJob(job, out);
+        setBuiltInEngine({environment.builtInEngineFailed, [&out] { out.send(FrameKind::kBuiltInLayout, {}); }});
+        task(out);
     } catch (const std::exception&) {
         ::_exit(EXIT_FAILURE);
     }

@@ -1,9 +1,10 @@
-// The worker's side of a job: reads the stranger's mail, and sends what comes of it as frames.
+// The worker's side: reads a stranger's mail, and sends what comes of it as frames.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 
 #include "frames.h"
@@ -16,13 +17,18 @@ struct WorkerEnvironment {
     std::string privateDirectory;  // for temporary files; the program makes and removes it
     std::chrono::seconds timeLimit;
     int officeGate;
+    int browserGate;
+    bool builtInEngineFailed;  // an earlier worker with the same task did not survive it
     pid_t parent;
 };
 
-/// Does the job and sends its outputs and its result.
+/// What a worker is for. It sends outputs, and its result last.
+using WorkerTask = std::function<void(FrameWriter&)>;
+
+/// The task of a single command: does the job and sends its outputs and its result.
 void runJob(const Job& job, FrameWriter& out);
 
-/// Body of a worker process, right behind the fork: takes the process's freedoms away, does the job, and ends the process.
-[[noreturn]] void workerMain(const Job& job, const WorkerEnvironment& environment);
+/// Body of a worker process, right behind the fork: takes the process's freedoms away, does the task, and ends the process.
+[[noreturn]] void workerMain(const WorkerTask& task, const WorkerEnvironment& environment);
 
 }  // namespace ternview

@@ -1,93 +1,28 @@
 #include "worker_process.h"
 
-#include <poll.h>
-#include <sys/resource.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <string>
+#include <stdexcept>
 #include <utility>
 
+#include "child_process.h"
 #include "descriptor.h"
 #include "json_output.h"
 #include "private_directory.h"
-#include "worker.h"
 
 namespace ternview {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = WorkerProcess::Clock;
 
 // No more than this comes from one worker, whatever it says.
 constexpr std::uint64_t kMostOutputs = 100'000;
 constexpr std::uint64_t kMostOutputBytes = std::uint64_t{16} << 30;
-
-/// Holds back the signals that end a program, so that they can be answered in order.
-class HeldSignals {
-public:
-    HeldSignals() {
-        sigemptyset(&held_);
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-            sigaddset(&held_, signal);
-        }
-        sigprocmask(SIG_BLOCK, &held_, &before_);
-    }
-    ~HeldSignals() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-    HeldSignals(const HeldSignals&) = delete;
-    HeldSignals& operator=(const HeldSignals&) = delete;
-
-    const sigset_t& set() const { return held_; }
-
-private:
-    sigset_t held_;
-    sigset_t before_;
-};
-
-/// The child process; it does not outlive this object.
-class Child {
-public:
-    explicit Child(pid_t pid) : pid_(pid) {}
-    ~Child() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            wait();
-        }
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    int wait() {
-        int status = 0;
-        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
-        pid_ = -1;
-        return status;
-    }
-
-private:
-    pid_t pid_;
-};
-
-/// What a worker that ended without a result died of.
-JobResult resultOfDeath(int waitStatus) {
-    JobResult result;
-    result.failure = Failure::kCrash;
-    if (WIFSIGNALED(waitStatus)) {
-        const int signal = WTERMSIG(waitStatus);
-        result.failure = signal == SIGXCPU ? Failure::kTimeLimit : Failure::kCrash;
-        result.detail = sigabbrev_np(signal) != nullptr ? std::string("SIG") + sigabbrev_np(signal) : std::to_string(signal);
-    } else {
-        result.detail = "exit code " + std::to_string(WEXITSTATUS(waitStatus));
-    }
-    return result;
-}
 
 /// Checks the order of frames and hands outputs on.
 class FrameDispatcher {
@@ -102,6 +37,9 @@ public:
                 require(result.has_value());
                 return result;
             }
+            case FrameKind::kBuiltInLayout:
+                require(!isOpen_);
+                return std::nullopt;
             case FrameKind::kData:
                 require(isOpen_ && (bytes_ += frame.payload.size()) <= kMostOutputBytes);
                 receiver_.data(frame.payload);
@@ -138,86 +76,138 @@ std::optional<Frame> nextFrame(FrameParser& parser) {
     }
 }
 
-/// Reads frames until the result, the end of the worker, or the end of its time.
-std::optional<JobResult> receive(int descriptor, const HeldSignals& signals, Office& office, OutputReceiver& receiver,
-                                 std::chrono::seconds timeLimit) {
-    const Descriptor signalDescriptor(::signalfd(-1, &signals.set(), SFD_CLOEXEC | SFD_NONBLOCK));
+}  // namespace
+
+class WorkerProcess::Connection {
+public:
+    Connection(pid_t pid, Descriptor ours, OutputReceiver& receiver)
+        : descriptor(std::move(ours)), child(pid), dispatcher(receiver) {}
+
+    Descriptor descriptor;
+    Child child;
     FrameParser parser;
-    FrameDispatcher dispatcher(receiver);
-    std::array<char, 65536> chunk;
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(timeLimit);
-    while (true) {
-        std::array<pollfd, 3> watched{pollfd{descriptor, POLLIN, 0}, pollfd{signalDescriptor.get(), POLLIN, 0},
-                                      pollfd{office.watched(), POLLIN, 0}};
-        const auto before = Clock::now();
-        const int ready = ::poll(watched.data(), watched.size(), static_cast<int>(left.count()));
-        left -= std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - before);
-        if (signalfd_siginfo caught; ::read(signalDescriptor.get(), &caught, sizeof(caught)) == sizeof(caught)) {
-            throw Interrupted{static_cast<int>(caught.ssi_signo)};
-        }
-        if (ready == 0 || left.count() <= 0) {
-            JobResult result;
-            result.failure = Failure::kTimeLimit;
-            return result;
-        }
-        if (watched[2].revents != 0) {
-            office.attend();
-        }
-        if ((watched[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) {
-            continue;
-        }
-        const ssize_t got = ::read(descriptor, chunk.data(), chunk.size());
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
-            return std::nullopt;
-        }
-        parser.feed({chunk.data(), static_cast<std::size_t>(got)});
-        while (const std::optional<Frame> frame = nextFrame(parser)) {
-            if (std::optional<JobResult> result = dispatcher.dispatch(*frame)) {
-                return result;
-            }
-        }
-    }
+    FrameDispatcher dispatcher;
+    std::optional<Clock::time_point> builtInDeadline;  // while the built-in HTML engine is at work
+};
+
+WorkerProcess::WorkerProcess(WorkerTask task, Services& services, OutputReceiver& receiver,
+                             const WorkerSurroundings& surroundings)
+    : task_(std::move(task)), services_(services), receiver_(receiver), surroundings_(surroundings) {
+    start();
+    deadline_ = Clock::now() + surroundings.timeLimit;
 }
 
-JobResult runWatched(const Job& job, Office& office, OutputReceiver& receiver, std::chrono::seconds timeLimit,
-                     const HeldSignals& signals) {
-    const PrivateDirectory directory;
+WorkerProcess::~WorkerProcess() = default;
+
+void WorkerProcess::start() {
     std::array<int, 2> ends;
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         throw JobError(Failure::kCrash, std::strerror(errno));
     }
-    const Descriptor ours(ends[0]);
-    Descriptor theirs(ends[1]);
+    Descriptor ours(ends[0]);
+    const Descriptor theirs(ends[1]);
     const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
     if (pid < 0) {
         throw JobError(Failure::kCrash, std::strerror(errno));
     }
     if (pid == 0) {
-        ::close(ours.get());
-        // The signals stay held back here: a Ctrl-C reaches both processes, and this one ends when the program says so.
-        workerMain(job, {theirs.get(), directory.path(), timeLimit, office.gate(), parent});
+        // The signals stay held back here: a Ctrl-C reaches all processes, and this one ends when the program says so.
+        workerMain(task_, {theirs.get(), surroundings_.privateDirectory, surroundings_.timeLimit, services_.office.gate(),
+                           services_.browser.gate(), isSecond_, parent});
     }
-    theirs.close();
-    Child child(pid);
-    if (std::optional<JobResult> result = receive(ours.get(), signals, office, receiver, timeLimit)) {
-        return *result;
-    }
-    return resultOfDeath(child.wait());
+    connection_ = std::make_unique<Connection>(pid, std::move(ours), receiver_);
 }
 
-}  // namespace
+int WorkerProcess::descriptor() const {
+    return connection_->descriptor.get();
+}
 
-JobResult runInWorker(const Job& job, Office& office, OutputReceiver& receiver, std::chrono::seconds timeLimit) {
-    const HeldSignals signals;
-    JobResult result = runWatched(job, office, receiver, timeLimit, signals);
+Clock::time_point WorkerProcess::deadline() const {
+    return std::min(deadline_, connection_->builtInDeadline.value_or(deadline_));
+}
+
+void WorkerProcess::postpone(Clock::duration heldUp) {
+    deadline_ += heldUp;
+    if (connection_->builtInDeadline) {
+        *connection_->builtInDeadline += heldUp;
+    }
+}
+
+std::optional<JobResult> WorkerProcess::attend() {
+    std::optional<JobResult> result = receive();
+    if (!result && Clock::now() >= deadline()) {
+        result.emplace().failure = Failure::kTimeLimit;
+    }
+    if (result && isWorthAnother(*result)) {
+        isSecond_ = true;
+        connection_.reset();
+        start();
+        return std::nullopt;
+    }
+    return result ? std::optional(finished(std::move(*result))) : std::nullopt;
+}
+
+bool WorkerProcess::isWorthAnother(const JobResult& result) const {
+    const bool hasEnded = result.failure == Failure::kTimeLimit || result.failure == Failure::kCrash;
+    return hasEnded && !isSecond_ && connection_->builtInDeadline && Clock::now() < deadline_;
+}
+
+std::optional<JobResult> WorkerProcess::receive() {
+    std::array<char, 65536> chunk;
+    const ssize_t got = ::recv(descriptor(), chunk.data(), chunk.size(), MSG_DONTWAIT);
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return std::nullopt;
+    }
+    if (got <= 0) {
+        return resultOfDeath(connection_->child.wait());
+    }
+    connection_->parser.feed({chunk.data(), static_cast<std::size_t>(got)});
+    while (const std::optional<Frame> frame = nextFrame(connection_->parser)) {
+        const auto now = Clock::now();
+        const bool isBuiltInLayout = frame->kind == FrameKind::kBuiltInLayout;
+        connection_->builtInDeadline = isBuiltInLayout ? std::optional(now + (deadline_ - now) / 2) : std::nullopt;
+        if (std::optional<JobResult> result = connection_->dispatcher.dispatch(*frame)) {
+            return result;
+        }
+    }
+    return std::nullopt;
+}
+
+JobResult WorkerProcess::finished(JobResult result) {
     if (result.failure == Failure::kTimeLimit || result.failure == Failure::kCrash) {
-        office.stop();  // it may still be at the document, and the next one would wait for it
+        services_.stop();  // they may still be at the document, and the next one would wait for it
     }
     return result;
+}
+
+void waitForAny(std::vector<pollfd>& watched, std::optional<Clock::time_point> until) {
+    int milliseconds = -1;
+    if (until) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*until - Clock::now()).count();
+        milliseconds = static_cast<int>(std::clamp<std::int64_t>(left, 0, 3'600'000));
+    }
+    if (::poll(watched.data(), watched.size(), milliseconds) <= 0) {
+        std::for_each(watched.begin(), watched.end(), [](pollfd& descriptor) { descriptor.revents = 0; });
+    }
+}
+
+JobResult runInWorker(const Job& job, Services& services, OutputReceiver& receiver, std::chrono::seconds timeLimit) {
+    const HeldSignals signals;
+    const PrivateDirectory directory;
+    WorkerProcess worker([&job](FrameWriter& out) { runJob(job, out); }, services, receiver, {directory.path(), timeLimit});
+    while (true) {
+        std::vector<pollfd> watched{{worker.descriptor(), POLLIN, 0}, {signals.descriptor(), POLLIN, 0}};
+        services.watch(watched);
+        waitForAny(watched, worker.deadline());
+        const auto woken = Clock::now();
+        signals.check();
+        services.attend();
+        if (std::optional<JobResult> result = worker.attend()) {
+            return *result;
+        }
+        worker.postpone(Clock::now() - woken);
+    }
 }
 
 }  // namespace ternview

@@ -1,12 +1,20 @@
-// The program's side of a job: starts a worker, watches over it, and hands on what it sends.
+// The program's side of a worker: starts it, watches over it, and hands on what it sends.
 #pragma once
 
+#include <poll.h>
+
 #include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "frames.h"
+#include "held_signals.h"
 #include "job.h"
-#include "office/office.h"
+#include "services.h"
+#include "worker.h"
 
 namespace ternview {
 
@@ -14,26 +22,83 @@ namespace ternview {
 class OutputReceiver {
 public:
     virtual ~OutputReceiver() = default;
-    /// @param kind kPage, kPdf, kDocument or kTempFile
+    /// @param kind of an output
     virtual void begin(FrameKind kind, std::string_view label) = 0;
     virtual void data(std::string_view bytes) = 0;
     virtual void end() = 0;
 };
 
-/// Thrown when a signal asked the program to end; everything is cleaned up on the way, then the signal is to be raised again.
-struct Interrupted {
-    int signal;
+/// Where a worker finds what it needs besides its task.
+struct WorkerSurroundings {
+    std::string privateDirectory;  // for temporary files; whoever names it removes it
+    std::chrono::seconds timeLimit{60};
 };
+
+/**
+ * A worker process, for a program that watches several at once. The process does not outlive the object.
+ *
+ * Time in which the program itself was held up does not count against the worker, if the program tells of it.
+ */
+class WorkerProcess {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /**
+     * Starts the process. When the built-in HTML engine is the end of it, or takes half of the time, and there is a browser that
+     * could do better, another process is started once.
+     *
+     * @param services lay documents out; their owner watches them too, and they outlive this
+     * @param receiver takes the outputs; outlives this
+     * @throws JobError when there can be no further process
+     */
+    WorkerProcess(WorkerTask task, Services& services, OutputReceiver& receiver, const WorkerSurroundings& surroundings);
+    ~WorkerProcess();
+    WorkerProcess(const WorkerProcess&) = delete;
+    WorkerProcess& operator=(const WorkerProcess&) = delete;
+
+    /// To be watched for reading.
+    int descriptor() const;
+    /// When `attend` is to be called even though there is nothing to read.
+    Clock::time_point deadline() const;
+    void postpone(Clock::duration heldUp);
+
+    /**
+     * Takes what has arrived.
+     *
+     * @return the result once there is one; a worker that crashed or is over its time gives a result with that failure
+     * @throws JobError with kWorkerProtocol from a worker that talks nonsense, and whatever the receiver throws
+     */
+    std::optional<JobResult> attend();
+
+private:
+    class Connection;
+
+    void start();
+    std::optional<JobResult> receive();
+    bool isWorthAnother(const JobResult& result) const;
+    JobResult finished(JobResult result);
+
+    WorkerTask task_;
+    Services& services_;
+    OutputReceiver& receiver_;
+    WorkerSurroundings surroundings_;
+    Clock::time_point deadline_;
+    bool isSecond_ = false;
+    std::unique_ptr<Connection> connection_;
+};
+
+/// Waits until one of the descriptors can be read, or until the time has come.
+void waitForAny(std::vector<pollfd>& watched, std::optional<WorkerProcess::Clock::time_point> until);
 
 /**
  * Does a job in a worker process of its own. Whatever becomes of the worker, this returns, and nothing of it stays behind:
  * no process and no temporary file.
  *
- * @param office lays RTF out; it outlives the job, for the next one
+ * @param services lay documents out; they outlive the job, for the next one
  * @param timeLimit how long the worker may take; time in which the program itself is held up writing does not count
- * @return the worker's result; a worker that crashed, hung or talked nonsense gives a result with that failure
+ * @return the worker's result; a worker that crashed or hung gives a result with that failure
  * @throws JobError, whatever the receiver throws, and Interrupted on SIGINT, SIGTERM or SIGHUP
  */
-JobResult runInWorker(const Job& job, Office& office, OutputReceiver& receiver, std::chrono::seconds timeLimit);
+JobResult runInWorker(const Job& job, Services& services, OutputReceiver& receiver, std::chrono::seconds timeLimit);
 
 }  // namespace ternview

@@ -56,6 +56,9 @@ Status Answer(HostFileInfo* info, HostLoadOptions* options) {
         info->format = *answer.format;
     }
     std::memcpy(info->pageValue, "pagevalu", sizeof(info->pageValue));
+    if (answer.meanwhile) {
+        answer.meanwhile(*info);
+    }
     options->pageNumber = -1;  // a copy: must not reach the caller
     return answer.status;
 }

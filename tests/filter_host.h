@@ -2,6 +2,7 @@
 // given.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -46,6 +47,7 @@ struct LoaderAnswer {
     std::uint32_t xResolution = 96;
     std::uint32_t yResolution = 120;
     std::optional<std::uint32_t> format;
+    std::function<void(ternkit::HostFileInfo&)> meanwhile;  // what else happens while a loader has the document
 };
 
 /// What a loader was given.

@@ -1,4 +1,4 @@
-// The library as a host finds it: its dynamic symbols, and the way from TERN_Load to the other exports.
+// The libraries as a host finds them: their dynamic symbols, and the way from TERN_Load to the other exports.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -9,6 +9,7 @@
 #include <sstream>
 #include <string>
 
+#include <ternkit/batch.h>
 #include <ternkit/filter.h>
 
 using namespace ternkit;
@@ -32,6 +33,16 @@ std::set<std::string> DefinedSymbols(const std::string& library) {
 
 TEST(Exports, FourFunctionsAndNothingElse) {
     EXPECT_EQ(DefinedSymbols(TERNMAIL_LIBRARY), (std::set<std::string>{"TERN_Load", "fltFreeData", "fltInfo", "fltLoad"}));
+}
+
+TEST(Exports, OneFunctionOfTheLibraryForAllMessages) {
+    EXPECT_EQ(DefinedSymbols(TERNMAIL_BATCH_LIBRARY), (std::set<std::string>{"TernVisitMessages"}));
+    void* library = dlopen(TERNMAIL_BATCH_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << dlerror();
+    const auto visitMessages = reinterpret_cast<VisitMessages>(dlsym(library, kVisitMessagesName));
+    ASSERT_NE(visitMessages, nullptr);
+    EXPECT_EQ(visitMessages(nullptr), kBadArgument);
+    dlclose(library);
 }
 
 TEST(Exports, TheModuleIntroducesItself) {

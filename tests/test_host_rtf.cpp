@@ -3,14 +3,10 @@
 #include <cairo-pdf.h>
 #include <cairo.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -30,6 +26,7 @@
 #include "loaders/rtf_guard.h"
 #include "office/office.h"
 #include "rtf_compressor.h"
+#include "service_test.h"
 #include "store_builder.h"
 
 namespace {
@@ -40,55 +37,25 @@ using namespace std::chrono_literals;
 
 constexpr PageSetup kPaper{800, 1100, 50};
 
-/// Attends to an office as the program does while a job runs.
-class AttendedOffice {
-public:
-    AttendedOffice() : thread_([this] { attend(); }) {}
-    ~AttendedOffice() {
-        done_ = true;
-        thread_.join();
-    }
-    AttendedOffice(const AttendedOffice&) = delete;
-    AttendedOffice& operator=(const AttendedOffice&) = delete;
-
-    void use(std::chrono::seconds limit) { useOffice({office_.gate(), limit}); }
-    pid_t processId() const { return processId_; }
-
-private:
-    void attend() {
-        while (!done_) {
-            pollfd watched{office_.watched(), POLLIN, 0};
-            if (::poll(&watched, 1, 20) == 1) {
-                office_.attend();
-            }
-            processId_ = office_.processId();
-        }
-        office_.stop();
-    }
-
-    Office office_;
-    std::atomic<bool> done_ = false;
-    std::atomic<pid_t> processId_ = 0;
-    std::thread thread_;
-};
-
 class RtfLoader : public testing::Test {
 protected:
-    static void SetUpTestSuite() { s_office = std::make_unique<AttendedOffice>(); }
+    static void SetUpTestSuite() { s_office = std::make_unique<AttendedService<Office>>(); }
     static void TearDownTestSuite() { s_office.reset(); }
 
     void SetUp() override {
-        s_office->use(60s);
+        use(60s);
         std::string path = (fs::temp_directory_path() / "test-rtf-XXXXXX").string();
         ASSERT_NE(mkdtemp(path.data()), nullptr);
         root_ = path;
     }
     void TearDown() override { fs::remove_all(root_); }
 
-    static std::unique_ptr<AttendedOffice> s_office;
+    static void use(std::chrono::seconds limit) { useOffice({s_office->gate(), limit}); }
+
+    static std::unique_ptr<AttendedService<Office>> s_office;
     fs::path root_;
 };
-std::unique_ptr<AttendedOffice> RtfLoader::s_office;
+std::unique_ptr<AttendedService<Office>> RtfLoader::s_office;
 
 std::string rtf(const std::string& body) {
     return "{\\rtf1\\ansi\\ansicpg1252\\deff0\\uc1{\\fonttbl{\\f0\\fswiss\\fcharset0 DejaVu Sans;}{\\f1\\fswiss\\fcharset204 "
@@ -191,42 +158,6 @@ std::string redPng() {
     };
     cairo_surface_write_to_png_stream(surface.get(), append, &result);
     return result;
-}
-
-/// A server on this machine that notices whether anybody ever comes.
-class Listener {
-public:
-    Listener() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(address);
-        EXPECT_EQ(::bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-        EXPECT_EQ(::listen(socket_.get(), 8), 0);
-        EXPECT_EQ(::getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
-        address_ = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/p.png";
-    }
-    const std::string& address() const { return address_; }
-    bool wasCalled() const {
-        pollfd waiting{socket_.get(), POLLIN, 0};
-        return ::poll(&waiting, 1, 0) != 0;
-    }
-
-private:
-    Descriptor socket_;
-    std::string address_;
-};
-
-/// Runs the action and gives the sentence of the LoadError that it must throw.
-template <typename Action>
-std::string loadErrorOf(Action action) {
-    try {
-        action();
-    } catch (const LoadError& error) {
-        return error.what();
-    }
-    ADD_FAILURE() << "no LoadError";
-    return "";
 }
 
 TEST_F(RtfLoader, TextOfEveryScriptArrives) {
@@ -408,14 +339,14 @@ TEST_F(RtfLoader, AnEndedProcessIsOneFailureAndIsStartedAnew) {
     ::kill(s_office->processId(), SIGKILL);
     EXPECT_EQ(textOf(rtf("and again")), "and again");
 
-    s_office->use(1s);
+    use(1s);
     try {
         layOutRtf(slow, kPaper);
         ADD_FAILURE() << "no time limit";
     } catch (const JobError& error) {
         EXPECT_EQ(error.failure(), Failure::kTimeLimit);
     }
-    s_office->use(60s);
+    use(60s);
     EXPECT_EQ(textOf(rtf("after all")), "after all");
 }
 

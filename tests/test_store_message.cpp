@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "batch_check.h"
 #include "mime_builder.h"
 #include "rtf_compressor.h"
 #include "store_shown.h"
@@ -511,6 +512,7 @@ void Check(const std::vector<Rewrite>& cases) {
         for (const Rewrite& item : cases) {
             SCOPED_TRACE(std::string(item.what) + ", " + NameOf(layout));
             const std::string store = StoreOf(item, layout);
+            batch_check::CheckAgainstLoad(store);
             const StoreShown memory = ShowStore(store);
             EXPECT_EQ(memory.status, kOk);
             EXPECT_EQ(memory.document, Html(item.inMemory));
@@ -648,6 +650,7 @@ TEST(StorePictures, StatusesThatEndTheExtraction) {
         const std::string html = "<img src=\"cid:a.png\"><img src=\"cid:" + *failure.attachment.longName + "\">";
         const std::string store =
             StoreOf({failure.what, html, {Picture("a.png"), failure.attachment}, "", "", {}}, Layout::Unicode);
+        batch_check::CheckAgainstLoad(store);
         EXPECT_EQ(ShowStore(store).status, failure.inMemory);
         EXPECT_EQ(ShowStore(store, {.route = Route::TemporaryFiles}).status, failure.inFile);
     }

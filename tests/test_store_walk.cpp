@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "batch_check.h"
 #include "rtf_compressor.h"
 #include "store_shown.h"
 #include "ternbase/ternbase.h"
@@ -91,6 +92,7 @@ void Check(const std::vector<Case>& cases, std::size_t pageEntries = 0) {
             TestStore store(layout, pageEntries);
             item.make(store);
             const std::string bytes = store.finished();
+            batch_check::CheckAgainstLoad(bytes);
             const auto count = static_cast<std::int32_t>(item.pages.size());
             for (std::int32_t page = 0; page <= count; ++page) {
                 const std::int32_t index = std::min(page, count - 1);  // behind the last page stands the last once more

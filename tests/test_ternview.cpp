@@ -1,14 +1,11 @@
 // The program ternview, run as a person runs it, and the worker protocol that stands between it and a stranger's mail.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
@@ -18,6 +15,7 @@
 #include "frames.h"
 #include "job.h"
 #include "json_output.h"
+#include "ternview_program.h"
 
 namespace {
 
@@ -43,57 +41,7 @@ std::string pictureMail() {
            kPicture + "\r\n--b1--\r\n";
 }
 
-std::string readFile(const fs::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
-struct Outcome {
-    int exitCode;  // 128 and the signal's number when a signal ended the program
-    std::string out;
-    std::string err;
-};
-
-/// Runs the program in a directory of its own, with a directory for temporary files that must be empty afterwards.
-class Ternview : public testing::Test {
-protected:
-    void SetUp() override {
-        std::string path = (fs::temp_directory_path() / "test-ternview-XXXXXX").string();
-        ASSERT_NE(mkdtemp(path.data()), nullptr);
-        root_ = path;
-        fs::create_directory(root_ / "work");
-        fs::create_directory(root_ / "runtime");
-    }
-
-    void TearDown() override {
-        EXPECT_TRUE(fs::is_empty(root_ / "runtime")) << "temporary files were left behind";
-        fs::remove_all(root_);
-    }
-
-    void write(const std::string& name, const std::string& bytes) { std::ofstream(work(name), std::ios::binary) << bytes; }
-
-    fs::path work(const std::string& name = {}) const { return name.empty() ? root_ / "work" : root_ / "work" / name; }
-
-    /// @param arguments as in a shell
-    /// @param prefix of the command, such as a variable
-    Outcome run(const std::string& arguments, const std::string& prefix = {}) const {
-        const std::string command = "cd '" + work().string() + "' && XDG_RUNTIME_DIR='" + (root_ / "runtime").string() + "' " +
-                                    prefix + " '" TERNVIEW_PROGRAM "' " + arguments + " > ../out 2> ../err";
-        const int status = std::system(command.c_str());
-        return {WEXITSTATUS(status), readFile(root_ / "out"), readFile(root_ / "err")};
-    }
-
-    std::set<std::string> files(const fs::path& directory) const {
-        std::set<std::string> names;
-        for (const auto& entry : fs::directory_iterator(directory)) {
-            names.insert(entry.path().filename().string());
-        }
-        return names;
-    }
-
-private:
-    fs::path root_;
-};
+class Ternview : public TernviewProgram {};
 
 TEST_F(Ternview, InfoTellsWhatTheMessageIs) {
     write("mail.eml", textMail("See you at noon.\r\n"));
@@ -109,7 +57,7 @@ TEST_F(Ternview, InfoTellsWhatTheMessageIs) {
         keys.insert(key);
     }
     EXPECT_EQ(keys, (std::set<std::string>{"status", "loaderStatus", "resultStatus", "sourceFormat", "documentFormat",
-                                           "messageCount", "messageIndex", "size", "pages", "tempFiles"}));
+                                           "messageCount", "messageIndex", "size", "pages", "tempFiles", "helps"}));
     EXPECT_EQ(object["status"], 1);
     EXPECT_EQ(object["resultStatus"], 1);
     EXPECT_EQ(object["sourceFormat"], 387);
@@ -235,7 +183,7 @@ TEST_F(Ternview, FailuresAreOneSentence) {
         {"empty.eml", "", "is empty"},
         {"short.eml", "", "fewer than 12 bytes"},
         {"noise.eml", "", "is no mail"},
-        {"textless.eml", "", "no text to show"},
+        {"textless.eml", "--strict", "no text to show"},
         {"good.eml", "-p 7", "none of the pages"},
         {"good.eml", "-o nowhere/x.png", "cannot be written"},
         {"good.eml", "-o directory/../directory/x.png/y.png", "cannot be written"},

@@ -1,5 +1,5 @@
-// The addresses of pictures that stand in a document, taken out of its text before a parser sees it: a picture may be megabytes
-// of base64 in an attribute or a style sheet.
+// The addresses that stand in a document, taken out of its text before a parser sees it: a picture may be megabytes of base64 in
+// an attribute or a style sheet, and a link is for the reader of a PDF only.
 #pragma once
 
 #include <optional>
@@ -41,5 +41,26 @@ public:
 private:
     std::vector<PictureAddress> m_addresses;
 };
+
+/// The targets of a document's links. Only addresses of the web and of mail are kept, in ASCII that needs no escaping anywhere.
+class LinkAddresses {
+public:
+    /**
+     * Keeps a target.
+     *
+     * @param address as written, character references resolved
+     * @return its number; nothing when it is no target for a reader, or one too many
+     */
+    std::optional<std::size_t> add(std::string_view address);
+    /// The target of a number, with its scheme; empty for a number that was not given out.
+    const std::string& at(std::size_t number) const;
+
+private:
+    std::vector<std::string> m_targets;
+    std::size_t m_bytes = 0;
+};
+
+/// An address as it may stand in a link: trimmed, everything escaped that is not plain; empty when it is not of the web or mail.
+std::string linkTarget(std::string_view address);
 
 }  // namespace ternview

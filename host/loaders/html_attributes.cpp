@@ -1,10 +1,14 @@
 #include "html_attributes.h"
 
 #include "html_css.h"
+#include "html_tags.h"
+
+#include "utf.h"
 
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <utility>
 
 namespace ternview {
 namespace {
@@ -14,7 +18,7 @@ constexpr std::size_t kMaxStyleLength = 32768;
 constexpr int kMaxPixels = 20000;
 
 std::string lowered(std::string_view text) {
-    std::string result(text.substr(0, 200));
+    std::string result(beginningOfUtf8(text, 200));
     std::ranges::transform(result, result.begin(), [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
     return result;
 }
@@ -64,7 +68,7 @@ std::string declaration(std::string_view property, const std::string& value) {
 std::string fontStyle(const HtmlToken& token) {
     static constexpr std::array<const char*, 8> kSizes{"10px", "10px", "13px", "16px", "18px", "24px", "32px", "48px"};
     std::string style = declaration("color", cssColor(token.attribute("color")));
-    std::string face(token.attribute("face").substr(0, 200));
+    std::string face(beginningOfUtf8(token.attribute("face"), 200));
     std::erase_if(face, [](char c) { return c == ';' || c == '"' || c == '<' || c == '{' || c == '}' || c == '&'; });
     style += declaration("font-family", face);
     const std::string_view size = token.attribute("size");
@@ -79,9 +83,10 @@ std::string ruleStyle(const HtmlToken& token) {
     std::string style;
     const std::string color = cssColor(token.attribute("color"));
     const std::optional<int> size = attributeNumber(token.attribute("size"), 1, 1000);
-    if (!color.empty() || token.attribute("size") == "1") {
+    const bool flat = std::ranges::find(token.attributes, std::string("noshade"), &HtmlAttribute::name) != token.attributes.end();
+    if (!color.empty() || flat || token.attribute("size") == "1") {
         style +=
-            "border:0;border-top:" + std::to_string(size.value_or(1)) + "px solid " + (color.empty() ? "#808080" : color) + ";";
+            "border:0;border-top:" + std::to_string(size.value_or(flat ? 2 : 1)) + "px solid " + (color.empty() ? "#808080" : color) + ";";
     } else if (size) {
         style += "height:" + std::to_string(std::max(*size - 2, 0)) + "px;";
     }
@@ -93,19 +98,18 @@ std::string ruleStyle(const HtmlToken& token) {
     return style;
 }
 
-std::string placedTableStyle(const HtmlToken& token, ChildAlignment surrounding) {
+std::string placedTableStyle(const HtmlToken& token) {
     const std::string align = lowered(token.attribute("align"));
     if (align == "left" || align == "right") {
         return "float:" + align + ";";
     }
-    if (align == "center" || (align.empty() && surrounding == ChildAlignment::Center)) {
-        return "margin-left:auto;margin-right:auto;";
-    }
-    return align.empty() && surrounding == ChildAlignment::Right ? "margin-left:auto;" : "";
+    return align == "center" ? "margin-left:auto;margin-right:auto;" : "";
 }
 
 std::string tableStyle(const HtmlToken& token, ChildAlignment surrounding) {
-    std::string style = placedTableStyle(token, surrounding) + declaration("height", cssLength(token.attribute("height")));
+    // What aligns blocks does not reach the text of tables.
+    std::string style = surrounding == ChildAlignment::Default ? "" : "text-align:start;";
+    style += placedTableStyle(token) + declaration("height", cssLength(token.attribute("height")));
     const auto border = std::ranges::find(token.attributes, std::string("border"), &HtmlAttribute::name);
     if (border != token.attributes.end()) {
         const int width = attributeNumber(border->value, 0, 1000).value_or(1);
@@ -135,8 +139,16 @@ std::string cellStyle(const HtmlToken& token, const TableAttributes& table) {
            (nowrap != token.attributes.end() ? "white-space:nowrap;" : "");
 }
 
-/// What presentational attributes mean, as declarations in front of the author's own.
-std::string mendedStyle(const HtmlToken& token, ChildAlignment surrounding, const TableAttributes* table) {
+/// Text in a font of fixed pitch is smaller by itself, unless the author has chosen the font.
+std::string pitchStyle(const HtmlToken& token) {
+    const std::string_view style = token.attribute("style").substr(0, kMaxStyleLength);
+    const bool fixed = token.name == "pre" || token.name == "code" || token.name == "tt" || token.name == "kbd" ||
+                       token.name == "samp";
+    return fixed && style.find("font-family") != std::string_view::npos ? "font-size:1em;" : "";
+}
+
+/// What presentational attributes mean, as declarations. Style sheets and style attributes say more than they do.
+std::string hintedStyle(const HtmlToken& token, ChildAlignment surrounding, const TableAttributes* table) {
     const std::string& name = token.name;
     std::string style;
     if (name == "font" || name == "basefont") {
@@ -154,21 +166,52 @@ std::string mendedStyle(const HtmlToken& token, ChildAlignment surrounding, cons
     } else if (name == "body") {
         style = declaration("color", cssColor(token.attribute("text"))) +
                 declaration("background-color", cssColor(token.attribute("bgcolor")));
+    } else if (name == "br") {
+        const std::string clear = lowered(token.attribute("clear"));
+        style = clear.empty() ? "" : clear == "left" || clear == "right" ? "clear:" + clear + ";" : "clear:both;";
     } else if (name == "img") {
         const std::string align = lowered(token.attribute("align"));
         style = align == "left" || align == "right" ? "float:" + align + ";" : declaration("vertical-align", cssWord(align));
-        style += declaration("margin-left", cssLength(token.attribute("hspace"))) +
-                 declaration("margin-right", cssLength(token.attribute("hspace")));
+        const std::string beside = cssLength(token.attribute("hspace"));
+        const std::string above = cssLength(token.attribute("vspace"));
+        style += declaration("margin-left", beside) + declaration("margin-right", beside) + declaration("margin-top", above) +
+                 declaration("margin-bottom", above);
         const std::string border = cssLength(token.attribute("border"));
         style += border.empty() ? "" : "border:" + border + " solid;";
     }
-    if (lowered(token.attribute("dir")) == "rtl") {
-        style += "text-align:right;";
+    style += pitchStyle(token);
+    const std::string direction = lowered(token.attribute("dir"));
+    if (direction == "rtl" || direction == "ltr") {
+        style += "direction:" + direction + ";";
     }
     if (std::ranges::find(token.attributes, std::string("hidden"), &HtmlAttribute::name) != token.attributes.end()) {
         style += "display:none;";
     }
     return style;
+}
+
+/// Where the surroundings place a block that is narrower than they are, whatever its own margins say.
+std::string placedBlockStyle(const HtmlToken& token, ChildAlignment surrounding) {
+    if (surrounding == ChildAlignment::Default || surrounding == ChildAlignment::Left) {
+        return {};
+    }
+    const std::string_view style = token.attribute("style").substr(0, kMaxStyleLength);
+    const bool picture = token.name == "img" && style.find("block") != std::string_view::npos &&
+                         style.find("inline") == std::string_view::npos;
+    const TagKind kind = tagKind(token.name);
+    const bool block = kind == TagKind::Block || kind == TagKind::Paragraph || kind == TagKind::Heading;
+    const bool table = kind == TagKind::Table && token.attribute("align").empty();
+    if (!picture && !table && (!block || style.find("width") == std::string_view::npos)) {
+        return {};
+    }
+    return surrounding == ChildAlignment::Center ? "margin-left:auto;margin-right:auto;" : "margin-left:auto;margin-right:0;";
+}
+
+/// A table that is said to be a block has a table of its own width inside.
+std::string freedTableStyle(const HtmlToken& token) {
+    std::string style = lowered(token.attribute("style"));
+    std::erase(style, ' ');
+    return token.name == "table" && style.find("display:block") != std::string::npos ? "width:auto;" : "";
 }
 
 /// Whether an attribute goes on with its value checked as a number or percentage, or as it stands.
@@ -201,7 +244,7 @@ std::string pictureAttribute(const HtmlToken& token, const HtmlAttribute& attrib
     PictureAddress address{resolveReferences(attribute.value), {}, PictureAddress::Use::Background};
     if (attribute.name == "src") {
         address.use = PictureAddress::Use::Element;
-        address.alternative = resolveReferences(token.attribute("alt").substr(0, kMaxValueLength));
+        address.alternative = resolveReferences(beginningOfUtf8(token.attribute("alt"), kMaxValueLength));
     }
     return " " + attribute.name + "=\"" + pictures.add(std::move(address)) + "\"";
 }
@@ -229,12 +272,39 @@ ChildAlignment childAlignment(const HtmlToken& token, ChildAlignment inherited) 
         return ChildAlignment::Center;
     }
     const std::string align = lowered(token.attribute("align"));
+    if (token.attribute("style").substr(0, kMaxStyleLength).find("text-align") != std::string_view::npos) {
+        return ChildAlignment::Default;  // aligns text, and nothing else
+    }
     if (token.name == "table" || align.empty()) {
         return token.name == "table" || token.name == "td" || token.name == "th" ? ChildAlignment::Default : inherited;
     }
     return align == "center" || align == "middle" ? ChildAlignment::Center
            : align == "right"                     ? ChildAlignment::Right
                                                   : ChildAlignment::Left;
+}
+
+std::string linkHint(const HtmlToken& body) {
+    const std::string color = declaration("color", cssColor(body.attribute("link")));
+    return color.empty() ? color : " hints=\"" + escaped(color) + "\"";
+}
+
+std::string rowAlignment(const HtmlToken& token) {
+    const std::string align = lowered(token.attribute("valign"));
+    return align == "top" || align == "bottom" || align == "middle" ? "vertical-align:" + align + ";" : std::string();
+}
+
+std::string lineBoxStyle(const HtmlToken& token) {
+    const std::string style = lowered(token.attribute("style"));
+    const std::string align = lowered(token.attribute("align"));
+    const std::size_t display = style.find("display");
+    const bool floats = (align == "left" || align == "right") && style.find("float") == std::string::npos;
+    if (token.name != "table" || display == std::string::npos || floats ||
+        style.find("inline", display) == std::string::npos || token.attribute("width").ends_with('%')) {
+        return {};
+    }
+    const std::size_t vertical = style.find("vertical-align");
+    const bool top = vertical != std::string::npos && style.find("top", vertical) < style.find(';', vertical);
+    return top ? "display:inline-block;vertical-align:top" : "display:inline-block";
 }
 
 bool hasDisplayStyle(const HtmlToken& token) {
@@ -246,7 +316,8 @@ bool hasDisplayStyle(const HtmlToken& token) {
 std::string safeAttributes(const HtmlToken& token, ChildAlignment surrounding, const TableAttributes* table,
                            PictureAddresses& pictures) {
     std::string result;
-    std::string style = mendedStyle(token, surrounding, table);
+    std::string hints = hintedStyle(token, surrounding, table);
+    std::string style;
     bool hasSource = false;
     std::vector<std::string_view> seen;
     for (const HtmlAttribute& attribute : token.attributes) {
@@ -254,11 +325,12 @@ std::string safeAttributes(const HtmlToken& token, ChildAlignment surrounding, c
             continue;  // the first of a name counts
         }
         seen.push_back(attribute.name);
-        const bool background = attribute.name == "background" && token.name != "img" && token.name != "body";
+        const bool background = attribute.name == "background" && token.name != "img";
         if ((attribute.name == "src" && token.name == "img") || background) {
             hasSource = true;
             if (background) {
-                style.insert(0, "background-image:url(" + pictures.add({resolveReferences(attribute.value), {}, {}}) + ");");
+                hints += "background-image:url(" +
+                         pictures.add({resolveReferences(attribute.value), {}, PictureAddress::Use::Background}) + ");";
                 continue;
             }
             result += pictureAttribute(token, attribute, pictures);
@@ -267,10 +339,15 @@ std::string safeAttributes(const HtmlToken& token, ChildAlignment surrounding, c
             style += author.size() <= kMaxStyleLength ? author : std::string();
         } else if (attribute.name == "href" && token.name == "a") {
             result += " href=\"#\"";  // makes it a link for the style sheet; its address is of no use on paper
+        } else if (attribute.name == "dir") {
+            const std::string direction = lowered(attribute.value);
+            result += direction == "rtl" || direction == "ltr" || direction == "auto" ? " dir=\"" + direction + "\"" : "";
         } else if (attribute.name == "colspan" || attribute.name == "rowspan") {
             continue;  // with the limits of the table's grid, by the caller
         } else if (const Passing how = passing(token.name, attribute.name); how == Passing::Text) {
-            result += " " + attribute.name + "=\"" + escaped(attribute.value.substr(0, kMaxValueLength)) + "\"";
+            const std::string_view value = beginningOfUtf8(attribute.value, kMaxValueLength);
+            const bool name = attribute.name == "id" || attribute.name == "class";
+            result += " " + attribute.name + "=\"" + (name ? escaped(value) : escaped(lowered(value))) + "\"";
         } else if (how == Passing::Length) {
             if (const auto number = attributeNumber(attribute.value, 0, kMaxPixels)) {
                 const bool percent = attribute.value.find('%') != std::string_view::npos;
@@ -279,12 +356,17 @@ std::string safeAttributes(const HtmlToken& token, ChildAlignment surrounding, c
             }
         }
     }
+    style += placedBlockStyle(token, surrounding) + freedTableStyle(token);
     if (token.name == "img" && !hasSource) {
-        result +=
-            " src=\"" +
-            pictures.add({{}, std::string(token.attribute("alt").substr(0, kMaxValueLength)), PictureAddress::Use::Element}) +
-            "\"";
+        result += " src=\"" +
+                  pictures.add(
+                      {{}, std::string(beginningOfUtf8(token.attribute("alt"), kMaxValueLength)), PictureAddress::Use::Element}) +
+                  "\"";
     }
+    if (token.name == "br") {
+        style.insert(0, std::exchange(hints, {}));  // as it is no element of ours in the engine
+    }
+    result += hints.empty() ? std::string() : " hints=\"" + escaped(hints) + "\"";
     return style.empty() ? result : result + " style=\"" + escaped(style) + "\"";
 }
 

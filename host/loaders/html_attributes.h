@@ -25,6 +25,15 @@ std::optional<int> attributeNumber(std::string_view value, int least, int most);
 /// How the align attribute (or the element itself) places tables inside.
 ChildAlignment childAlignment(const HtmlToken& token, ChildAlignment inherited);
 
+/// The colour that a body's link attribute gives to links, as an attribute of theirs behind a space; empty for none.
+std::string linkHint(const HtmlToken& body);
+
+/// How a row aligns its cells, as a declaration; empty when it does not.
+std::string rowAlignment(const HtmlToken& token);
+
+/// The style of a box to put around a table that its style attribute places in a line; empty for all other elements.
+std::string lineBoxStyle(const HtmlToken& token);
+
 /// Whether the style attribute makes a box of an element that is inline by itself.
 bool hasDisplayStyle(const HtmlToken& token);
 

@@ -1,5 +1,7 @@
 #include "html_charset.h"
 
+#include "utf.h"
+
 #include <iconv.h>
 #include <uchardet/uchardet.h>
 
@@ -222,6 +224,9 @@ DecodedHtml decodeHtml(std::string_view bytes) {
                 tryCharset(bytes, "CP1252", result);
             }
         }
+    }
+    if (!isValidUtf8(result.text)) {  // some converters give surrogates, or characters beyond the last one
+        result.text = repairedUtf8(result.text);
     }
     std::erase(result.text, '\0');
     removeSevenBitMark(result.text);

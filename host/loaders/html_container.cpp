@@ -1,6 +1,10 @@
 #include "html_container.h"
 
+#include "html_bidi.h"
+#include "html_elements.h"
+#include "html_gradient.h"
 #include "html_style_sheet.h"
+#include "html_words.h"
 
 #include <litehtml/litehtml.h>
 
@@ -11,10 +15,10 @@ namespace ternview {
 namespace {
 
 constexpr double kHuge = 1e9;
-constexpr int kMissingPictureSize = 20;
-constexpr std::size_t kLongWord = 32;       // characters; longer words may be broken, as addresses must be
-constexpr std::size_t kLongWordPiece = 10;  // characters that stay together
-constexpr std::size_t kLongestPiece = 100;  // characters in one piece at most, whatever they are
+constexpr int kSmallestFrame = 20;  // of a missing picture
+constexpr int kFramePadding = 4;
+constexpr int kMaxFrameLines = 10;
+constexpr std::size_t kLongestGradientName = 10;  // up to the word that all have in common
 constexpr std::size_t kMaxItems = 4'000'000;
 
 Box boxOf(const litehtml::position& position) {
@@ -33,8 +37,10 @@ CornerRadii radiiOf(const litehtml::border_radiuses& r) {
             corner(r.bottom_left_x, r.bottom_left_y)};
 }
 
-BorderItem::Side sideOf(const litehtml::border& border) {
+/// @param litByOutset whether it is one of the sides that are lit when the box seems to stand out
+BorderItem::Side sideOf(const litehtml::border& border, bool litByOutset) {
     BorderItem::Style style = BorderItem::Style::Solid;
+    Color color = colorOf(border.color);
     switch (border.style) {
         case litehtml::border_style_none:
         case litehtml::border_style_hidden:
@@ -49,46 +55,25 @@ BorderItem::Side sideOf(const litehtml::border& border) {
         case litehtml::border_style_double:
             style = BorderItem::Style::Double;
             break;
+        case litehtml::border_style_groove:
+            style = BorderItem::Style::Groove;
+            break;
+        case litehtml::border_style_ridge:
+            style = BorderItem::Style::Ridge;
+            break;
+        case litehtml::border_style_inset:
+            color = litByOutset ? color : litColor(color);
+            break;
+        case litehtml::border_style_outset:
+            color = litByOutset ? litColor(color) : color;
+            break;
         default:
             break;
     }
-    return {style == BorderItem::Style::None ? 0.0F : static_cast<float>(border.width), style, colorOf(border.color)};
+    return {style == BorderItem::Style::None ? 0.0F : static_cast<float>(border.width), style, color};
 }
 
-/// The first character of valid UTF-8, and its length in bytes.
-char32_t decodeFirst(std::string_view text, std::size_t& length) {
-    const gunichar character = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
-    if (character == static_cast<gunichar>(-1) || character == static_cast<gunichar>(-2)) {
-        length = 1;
-        return 0xFFFD;
-    }
-    length = static_cast<std::size_t>(g_utf8_next_char(text.data()) - text.data());
-    return character;
-}
-
-/// Characters between which a line may end without a space; Korean ends its lines at spaces.
-bool isEastAsian(char32_t c) {
-    return (c >= 0x2E80 && c < 0xA000) || (c >= 0xF900 && c <= 0xFAFF) || (c >= 0xFE30 && c <= 0xFE4F) ||
-           (c >= 0xFF00 && c <= 0xFFEF) || (c >= 0x20000 && c <= 0x3FFFF);
-}
-
-/// Characters that do not start a line: closing punctuation and small kana; combining marks never leave their base.
-bool staysWithPrevious(char32_t c) {
-    static constexpr std::u32string_view kClosing =
-        U"、。，．・：；？！）］｝〉》」』】〕〗〙〛’”…‥ー々ぁぃぅぇぉっゃゅょゎァィゥェォッャュョヮヵヶ゛゜％"
-        U",.:;?!)]}%";
-    const GUnicodeType type = g_unichar_type(c);
-    return kClosing.find(c) != std::u32string_view::npos || type == G_UNICODE_NON_SPACING_MARK ||
-           type == G_UNICODE_ENCLOSING_MARK || type == G_UNICODE_SPACING_MARK || c == 0x200D || (c >= 0xFE00 && c <= 0xFE0F) ||
-           (c >= 0x1F3FB && c <= 0x1F3FF);
-}
-
-bool staysWithNext(char32_t c) {
-    static constexpr std::u32string_view kOpening = U"（［｛〈《「『【〔〖〘〚‘“￥＄([{";
-    return kOpening.find(c) != std::u32string_view::npos || c == 0x200D;
-}
-
-class Recorder final : public litehtml::document_container {
+class Recorder final : public litehtml::document_container, public HtmlElementObserver {
 public:
     Recorder(const SafeHtml& html, int width, int height, HtmlFonts& fonts, HtmlPictures& pictures)
         : m_html(html),
@@ -104,13 +89,16 @@ public:
 
     litehtml::uint_ptr create_font(const char* faceName, int size, int weight, litehtml::font_style italic,
                                    unsigned int decoration, litehtml::font_metrics* metrics) override {
-        HtmlFont* font = m_fonts.create({.families = faceName,
-                                         .size = size,
+        std::string families = faceName;
+        const FontDetails details = takeFontDetails(families);
+        HtmlFont* font = m_fonts.create({.families = std::move(families),
+                                         .size = details.size > 0 ? details.size : size,
                                          .weight = weight,
                                          .italic = italic == litehtml::fontStyleItalic,
                                          .underline = (decoration & litehtml::font_decoration_underline) != 0,
                                          .strikeThrough = (decoration & litehtml::font_decoration_linethrough) != 0,
-                                         .overline = (decoration & litehtml::font_decoration_overline) != 0});
+                                         .overline = (decoration & litehtml::font_decoration_overline) != 0,
+                                         .letterSpacing = details.letterSpacing});
         if (metrics != nullptr) {
             metrics->ascent = font->ascent();
             metrics->descent = font->descent();
@@ -124,8 +112,8 @@ public:
     int text_width(const char* text, litehtml::uint_ptr font) override { return fontOf(font)->textWidth(text); }
     void draw_text(litehtml::uint_ptr /*device*/, const char* text, litehtml::uint_ptr font, litehtml::web_color color,
                    const litehtml::position& position) override {
-        const double baseline = static_cast<double>(position.bottom()) - fontOf(font)->descent();
-        add(boxOf(position), TextItem{text, fontOf(font), colorOf(color), baseline});
+        const double baseline = static_cast<double>(position.top()) + fontOf(font)->ascent();
+        add(boxOf(position), TextItem{text, fontOf(font), faded(colorOf(color)), baseline});
     }
     int pt_to_px(int points) const override { return static_cast<int>(std::lround(points * 96.0 / 72)); }
     int get_default_font_size() const override { return 16; }
@@ -149,23 +137,9 @@ public:
         }
     }
 
-    /// Cuts text into the pieces that lines may end behind.
     void split_text(const char* text, const std::function<void(const char*)>& onWord,
                     const std::function<void(const char*)>& onSpace) override {
-        std::string_view rest(text);
-        while (!rest.empty()) {
-            if (isSpace(rest.front())) {
-                onSpace(std::string(1, rest.front()).c_str());
-                rest.remove_prefix(1);
-                continue;
-            }
-            std::size_t length = 0;
-            while (length < rest.size() && !isSpace(rest[length])) {
-                ++length;
-            }
-            splitWord(rest.substr(0, length), onWord);
-            rest.remove_prefix(length);
-        }
+        splitIntoPieces(text, onWord, onSpace);
     }
 
     // ---- pictures
@@ -176,13 +150,13 @@ public:
         if (address == nullptr) {
             return;
         }
-        if (const Picture* picture = m_pictures.load(address->address)) {
+        if (isGradient(*address)) {
+            size.width = size.height = 1;  // it fills its box, whatever is said of its size
+        } else if (const Picture* picture = m_pictures.load(address->address)) {
             size.width = std::max(1, static_cast<int>(std::lround(picture->width)));
             size.height = std::max(1, static_cast<int>(std::lround(picture->height)));
         } else if (address->use == PictureAddress::Use::Element) {
-            const int text = address->alternative.empty() ? 0 : m_frameFont->textWidth(address->alternative) + 8;
-            size.width = std::clamp(text, kMissingPictureSize, std::max(m_width, kMissingPictureSize));
-            size.height = kMissingPictureSize;
+            size = frameOf(*address, 0);
         }
     }
 
@@ -190,10 +164,20 @@ public:
         if (paint.color.alpha > 0 && paint.is_root) {
             m_recorded.pageColor = colorOf(paint.color);
         } else if (paint.color.alpha > 0) {
-            add(boxOf(paint.clip_box), FillItem{colorOf(paint.color), radiiOf(paint.border_radius)});
+            add(boxOf(paint.clip_box), FillItem{faded(colorOf(paint.color)), radiiOf(paint.border_radius)});
         }
         const PictureAddress* address = m_html.pictures.find(paint.image);
         if (address == nullptr) {
+            return;
+        }
+        if (isGradient(*address)) {
+            if (auto gradient = parseGradient(address->address)) {
+                gradient->radii = radiiOf(paint.border_radius);
+                for (GradientItem::Stop& stop : gradient->stops) {
+                    stop.color = faded(stop.color);
+                }
+                add(boxOf(paint.clip_box), std::make_unique<GradientItem>(std::move(*gradient)));
+            }
             return;
         }
         const bool content = address->use == PictureAddress::Use::Element;
@@ -206,7 +190,7 @@ public:
                                  static_cast<double>(paint.image_size.width), static_cast<double>(paint.image_size.height)},
                                 !content && (both || paint.repeat == litehtml::background_repeat_repeat_x),
                                 !content && (both || paint.repeat == litehtml::background_repeat_repeat_y),
-                                radiiOf(paint.border_radius),
+                                radiiOf(paint.border_radius), m_opacities.back(),
                                 content ? PictureItem::Role::Content : PictureItem::Role::Background}));
         } else if (content) {
             add(boxOf(paint.clip_box), FrameItem{address->alternative, m_frameFont});
@@ -215,8 +199,12 @@ public:
 
     void draw_borders(litehtml::uint_ptr /*device*/, const litehtml::borders& borders, const litehtml::position& position,
                       bool /*root*/) override {
-        BorderItem item{{sideOf(borders.top), sideOf(borders.right), sideOf(borders.bottom), sideOf(borders.left)},
-                        radiiOf(borders.radius)};
+        BorderItem item{
+            {sideOf(borders.top, true), sideOf(borders.right, false), sideOf(borders.bottom, false), sideOf(borders.left, true)},
+            radiiOf(borders.radius)};
+        for (BorderItem::Side& side : item.sides) {
+            side.color = faded(side.color);
+        }
         if (std::ranges::any_of(item.sides, [](const BorderItem::Side& side) { return side.width > 0; })) {
             add(boxOf(position), std::make_unique<BorderItem>(item));
         }
@@ -231,7 +219,7 @@ public:
         } else if (marker.marker_type != litehtml::list_style_type_disc) {
             return;
         }
-        add(boxOf(marker.pos), MarkerItem{shape, colorOf(marker.color)});
+        add(boxOf(marker.pos), MarkerItem{shape, faded(colorOf(marker.color))});
     }
 
     // ---- clipping
@@ -270,9 +258,9 @@ public:
         language = "en";
         culture.clear();
     }
-    std::shared_ptr<litehtml::element> create_element(const char* /*name*/, const litehtml::string_map& /*attributes*/,
-                                                      const std::shared_ptr<litehtml::document>& /*document*/) override {
-        return nullptr;
+    std::shared_ptr<litehtml::element> create_element(const char* name, const litehtml::string_map& /*attributes*/,
+                                                      const std::shared_ptr<litehtml::document>& document) override {
+        return createHtmlElement(name, document, *this);
     }
     void import_css(litehtml::tstring& text, const litehtml::tstring& /*url*/, litehtml::tstring& /*base*/) override {
         text.clear();
@@ -284,38 +272,42 @@ public:
     void set_cursor(const char* /*cursor*/) override {}
 
 private:
+    void enterLink(std::size_t number) override { m_link = static_cast<std::uint32_t>(number) + 1; }
+    void leaveLink() override { m_link = 0; }
+    void enterOpacity(float opacity) override { m_opacities.push_back(m_opacities.back() * opacity); }
+    void leaveOpacity() override { m_opacities.pop_back(); }
+
+    Color faded(Color color) const {
+        color.alpha *= m_opacities.back();
+        return color;
+    }
+
+    std::optional<litehtml::size> frameSize(const char* source, int width) override {
+        const PictureAddress* address = m_html.pictures.find(source);
+        const bool missing = address != nullptr && m_pictures.load(address->address) == nullptr;
+        return missing ? std::optional(frameOf(*address, width)) : std::nullopt;
+    }
+
+    /// With room for its text, in several lines when the width is given.
+    litehtml::size frameOf(const PictureAddress& address, int width) {
+        const int text = address.alternative.empty() ? 0 : m_frameFont->textWidth(address.alternative) + 2 * kFramePadding;
+        litehtml::size size;
+        size.width = std::clamp(width > 0 ? width : text, kSmallestFrame, std::max(m_width, kSmallestFrame));
+        const int lines = (text + size.width - 1) / std::max(size.width - 2 * kFramePadding, 1);
+        size.height = std::max(kSmallestFrame, std::clamp(lines, 1, kMaxFrameLines) * m_frameFont->height() + kFramePadding);
+        return size;
+    }
+
+    static bool isGradient(const PictureAddress& address) {
+        return address.use == PictureAddress::Use::Background && address.address.find("gradient(") < kLongestGradientName;
+    }
     static HtmlFont* fontOf(litehtml::uint_ptr font) { return reinterpret_cast<HtmlFont*>(font); }
-    static bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f'; }
 
     template <typename Content>
     void add(const Box& box, Content content) {
         if (m_recorded.items.size() < kMaxItems && !box.intersected(m_clips.back()).empty()) {
-            m_recorded.items.push_back({.box = box, .clip = m_clips.back(), .content = std::move(content)});
+            m_recorded.items.push_back({.box = box, .clip = m_clips.back(), .content = std::move(content), .link = m_link});
         }
-    }
-
-    static void splitWord(std::string_view word, const std::function<void(const char*)>& onWord) {
-        const bool breakable = word.size() > kLongWord &&
-                               g_utf8_strlen(word.data(), static_cast<gssize>(word.size())) > static_cast<glong>(kLongWord);
-        std::string piece;
-        std::size_t characters = 0;
-        char32_t previous = 0;
-        while (!word.empty()) {
-            std::size_t length = 0;
-            const char32_t current = decodeFirst(word, length);
-            const bool between = isEastAsian(previous) || isEastAsian(current) || (breakable && characters >= kLongWordPiece);
-            const bool allowed = between && !staysWithPrevious(current) && !staysWithNext(previous);
-            if (!piece.empty() && (allowed || characters >= kLongestPiece)) {
-                onWord(piece.c_str());
-                piece.clear();
-                characters = 0;
-            }
-            piece += word.substr(0, length);
-            ++characters;
-            previous = current;
-            word.remove_prefix(length);
-        }
-        onWord(piece.c_str());
     }
 
     const SafeHtml& m_html;
@@ -325,6 +317,8 @@ private:
     HtmlPictures& m_pictures;
     HtmlFont* m_frameFont;
     RecordedHtml m_recorded;
+    std::uint32_t m_link = 0;
+    std::vector<float> m_opacities{1.0F};
     std::vector<Box> m_clips{Box{-kHuge, -kHuge, 2 * kHuge, 2 * kHuge}};
 };
 
@@ -352,16 +346,27 @@ RecordedHtml recordHtml(const SafeHtml& html, int width, int height, HtmlFonts& 
     if (html.mode == SafeHtml::Mode::Quirks) {
         master += kHtmlQuirksStyleSheet;
     }
+    if (html.demands.rightToLeft) {
+        master += kHtmlRightToLeftStyleSheet;
+    }
     context.load_master_stylesheet(master.c_str());
     const litehtml::document::ptr document = litehtml::document::createFromUTF8(html.html.c_str(), &recorder, &context);
-    if (document != nullptr) {
-        document->render(width);
-        document->draw(0, 0, 0, nullptr);
+    if (document == nullptr) {
+        return recorder.take();
     }
+    if (html.mode == SafeHtml::Mode::Quirks) {
+        applyLineQuirks(document->root());
+    }
+    if (html.demands.rightToLeft) {
+        prepareDirections(document->root());
+    }
+    document->render(width);
+    if (html.demands.rightToLeft) {
+        orderLines(document->root());
+    }
+    document->draw(0, 0, 0, nullptr);
     RecordedHtml recorded = recorder.take();
-    if (document != nullptr) {
-        recorded.tops = outermostTops(document->root());
-    }
+    recorded.tops = outermostTops(document->root());
     return recorded;
 }
 

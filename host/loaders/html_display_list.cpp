@@ -26,11 +26,19 @@ void addCorner(cairo_t* context, double x, double y, const std::array<float, 2>&
 }
 
 void addRoundedBox(cairo_t* context, const Box& box, const CornerRadii& wanted) {
+    // Radii that do not fit beside each other become smaller, all of them alike.
     CornerRadii radii = wanted;
+    double fitting = 1;
+    const auto fit = [&fitting](double room, double first, double second) {
+        fitting = first + second > room ? std::min(fitting, std::max(room, 0.0) / (first + second)) : fitting;
+    };
+    fit(box.width, radii[0][0], radii[1][0]);
+    fit(box.width, radii[3][0], radii[2][0]);
+    fit(box.height, radii[0][1], radii[3][1]);
+    fit(box.height, radii[1][1], radii[2][1]);
     float largest = 0;
     for (auto& corner : radii) {
-        corner[0] = std::clamp(corner[0], 0.0F, static_cast<float>(std::max(box.width, 0.0) / 2));
-        corner[1] = std::clamp(corner[1], 0.0F, static_cast<float>(std::max(box.height, 0.0) / 2));
+        corner = {std::max(corner[0], 0.0F) * static_cast<float>(fitting), std::max(corner[1], 0.0F) * static_cast<float>(fitting)};
         largest = std::max(largest, std::min(corner[0], corner[1]));
     }
     if (largest <= 0) {
@@ -84,8 +92,34 @@ void paintContent(const PictureItem& item, const Box& box, cairo_t* context) {
     cairo_scale(context, cairo_image_surface_get_width(surface) / tile.width,
                 cairo_image_surface_get_height(surface) / tile.height);
     cairo_translate(context, -tile.x, -tile.y);
+    if (item.opacity < 1) {
+        addBox(context, area);
+        cairo_clip(context);
+        cairo_paint_with_alpha(context, item.opacity);
+        return;
+    }
     addBox(context, area);
     cairo_fill(context);
+}
+
+void paintContent(const GradientItem& item, const Box& box, cairo_t* context) {
+    const double x = box.x + box.width / 2;
+    const double y = box.y + box.height / 2;
+    // Towards a corner, the line half way goes through the two corners beside it.
+    const double angle = item.toCorner ? std::atan2(box.height * item.horizontal, -box.width * item.vertical) : item.angle;
+    const double half = (std::abs(box.width * std::sin(angle)) + std::abs(box.height * std::cos(angle))) / 2;
+    const double dx = std::sin(angle) * half;
+    const double dy = -std::cos(angle) * half;
+    cairo_pattern_t* pattern = item.radial ? cairo_pattern_create_radial(x, y, 0, x, y, std::hypot(box.width, box.height) / 2)
+                                           : cairo_pattern_create_linear(x - dx, y - dy, x + dx, y + dy);
+    for (const GradientItem::Stop& stop : item.stops) {
+        cairo_pattern_add_color_stop_rgba(pattern, stop.offset, stop.color.red, stop.color.green, stop.color.blue,
+                                          stop.color.alpha);
+    }
+    addRoundedBox(context, box, item.radii);
+    cairo_set_source(context, pattern);
+    cairo_fill(context);
+    cairo_pattern_destroy(pattern);
 }
 
 void paintContent(const FrameItem& item, const Box& box, cairo_t* context) {
@@ -100,7 +134,7 @@ void paintContent(const FrameItem& item, const Box& box, cairo_t* context) {
         addBox(context, box);
         cairo_clip(context);
         cairo_set_source_rgb(context, 0.3, 0.3, 0.3);
-        item.font->draw(context, item.alternative, box.x + 4, box.y + 3 + item.font->ascent());
+        item.font->drawParagraph(context, item.alternative, {box.x + 4, box.y + 3, std::max(box.width - 8, 1.0)});
     }
 }
 
@@ -138,11 +172,23 @@ void addSide(cairo_t* context, const Box& box, const BorderItem& item, std::size
     cairo_fill(context);
 }
 
+/// As if light fell from above and from the left.
+Color shaded(const Color& color, bool lit) {
+    constexpr float kLight = 0.5F;
+    const auto part = [lit](float value) { return lit ? value + (1 - value) * kLight : value; };
+    return {part(color.red), part(color.green), part(color.blue), color.alpha};
+}
+
+void setDash(cairo_t* context, double width, bool dotted) {
+    const std::array<double, 2> dash{dotted ? 0.01 : std::max(width * 2, 3.0), dotted ? width * 2 : std::max(width * 1.5, 2.0)};
+    cairo_set_line_width(context, width);
+    cairo_set_line_cap(context, dotted ? CAIRO_LINE_CAP_ROUND : CAIRO_LINE_CAP_BUTT);
+    cairo_set_dash(context, dash.data(), 2, 0);
+}
+
 void strokeSide(cairo_t* context, const Box& box, const BorderItem::Side& side, std::size_t index) {
     const double width = side.width;
     const double half = width / 2;
-    const bool dotted = side.style == BorderItem::Style::Dotted;
-    const std::array<double, 2> dash{dotted ? 0.01 : width * 3, dotted ? width * 2 : width * 3};
     // Only what can be seen is worth dashing.
     double x1, y1, x2, y2;
     cairo_clip_extents(context, &x1, &y1, &x2, &y2);
@@ -153,9 +199,7 @@ void strokeSide(cairo_t* context, const Box& box, const BorderItem::Side& side, 
     if (left >= right || top >= bottom) {
         return;
     }
-    cairo_set_line_width(context, width);
-    cairo_set_line_cap(context, dotted ? CAIRO_LINE_CAP_ROUND : CAIRO_LINE_CAP_BUTT);
-    cairo_set_dash(context, dash.data(), 2, 0);
+    setDash(context, width, side.style == BorderItem::Style::Dotted);
     if (index == 0 || index == 2) {
         const double y = index == 0 ? box.y + half : box.bottom() - half;
         cairo_move_to(context, left, y);
@@ -168,27 +212,74 @@ void strokeSide(cairo_t* context, const Box& box, const BorderItem::Side& side, 
     cairo_stroke(context);
 }
 
-bool uniform(const BorderItem& item) {
+bool uniform(const BorderItem& item, BorderItem::Style style) {
     return std::ranges::all_of(item.sides, [&](const BorderItem::Side& side) {
-        return side.style == BorderItem::Style::Solid && side.color == item.sides[0].color && side.width == item.sides[0].width;
+        return side.style == style && side.color == item.sides[0].color && side.width == item.sides[0].width;
     });
 }
 
+bool isRounded(const CornerRadii& radii) {
+    return std::ranges::any_of(radii, [](const auto& corner) { return corner[0] > 0 && corner[1] > 0; });
+}
+
+/// A border of dots or dashes that goes around corners.
+void strokeAround(cairo_t* context, const BorderItem& item, const Box& box) {
+    const float width = item.sides[0].width;
+    CornerRadii middle = item.radii;
+    for (auto& corner : middle) {
+        corner = {std::max(corner[0] - width / 2, 0.0F), std::max(corner[1] - width / 2, 0.0F)};
+    }
+    setColor(context, item.sides[0].color);
+    setDash(context, width, item.sides[0].style == BorderItem::Style::Dotted);
+    addRoundedBox(context,
+                  {box.x + width / 2, box.y + width / 2, std::max(box.width - width, 0.0), std::max(box.height - width, 0.0)},
+                  middle);
+    cairo_stroke(context);
+}
+
+/// Solid sides of one colour, which need no joints.
+bool isOneColor(const BorderItem& item) {
+    const auto seen = std::ranges::find_if(item.sides, [](const BorderItem::Side& side) { return side.width > 0; });
+    return seen != item.sides.end() && std::ranges::all_of(item.sides, [seen](const BorderItem::Side& side) {
+               return side.width <= 0 || (side.style == BorderItem::Style::Solid && side.color == seen->color);
+           });
+}
+
+/// The room between the outer and the inner edge of a border.
+void fillFrame(cairo_t* context, const BorderItem& item, const Box& box) {
+    const auto& [top, right, bottom, left] = item.sides;
+    const std::array<std::array<float, 2>, 4> taken{
+        {{left.width, top.width}, {right.width, top.width}, {right.width, bottom.width}, {left.width, bottom.width}}};
+    CornerRadii inner = item.radii;
+    for (std::size_t i = 0; i < inner.size(); ++i) {
+        inner[i] = {std::max(inner[i][0] - taken[i][0], 0.0F), std::max(inner[i][1] - taken[i][1], 0.0F)};
+    }
+    const auto seen = std::ranges::find_if(item.sides, [](const BorderItem::Side& side) { return side.width > 0; });
+    setColor(context, seen->color);
+    addRoundedBox(context, box, item.radii);
+    addRoundedBox(context,
+                  {box.x + left.width, box.y + top.width, std::max(box.width - left.width - right.width, 0.0),
+                   std::max(box.height - top.width - bottom.width, 0.0)},
+                  inner);
+    cairo_set_fill_rule(context, CAIRO_FILL_RULE_EVEN_ODD);
+    cairo_fill(context);
+}
+
 void paintContent(const BorderItem& item, const Box& box, cairo_t* context) {
-    if (uniform(item)) {
-        const float width = item.sides[0].width;
-        CornerRadii inner = item.radii;
-        for (auto& corner : inner) {
-            corner = {std::max(corner[0] - width, 0.0F), std::max(corner[1] - width, 0.0F)};
-        }
-        setColor(context, item.sides[0].color);
-        addRoundedBox(context, box, item.radii);
-        addRoundedBox(context,
-                      {box.x + width, box.y + width, std::max(box.width - 2 * width, 0.0), std::max(box.height - 2 * width, 0.0)},
-                      inner);
-        cairo_set_fill_rule(context, CAIRO_FILL_RULE_EVEN_ODD);
-        cairo_fill(context);
+    constexpr double kLongestStroke = 20000;  // around the corners; longer ones are cut to what can be seen
+    const bool broken = uniform(item, BorderItem::Style::Dotted) || uniform(item, BorderItem::Style::Dashed);
+    if (broken && isRounded(item.radii) && box.height < kLongestStroke && box.width < kLongestStroke) {
+        strokeAround(context, item, box);
         return;
+    }
+    if (isOneColor(item)) {
+        fillFrame(context, item, box);
+        return;
+    }
+    if (isRounded(item.radii)) {
+        addRoundedBox(context, box, item.radii);
+        cairo_clip(context);
+        cairo_new_path(context);
     }
     for (std::size_t i = 0; i < item.sides.size(); ++i) {
         const BorderItem::Side& side = item.sides[i];
@@ -201,6 +292,12 @@ void paintContent(const BorderItem& item, const Box& box, cairo_t* context) {
         } else if (side.style == BorderItem::Style::Double && side.width >= 3) {
             addSide(context, box, item, i, 0, 1.0 / 3);
             addSide(context, box, item, i, 2.0 / 3, 1);
+        } else if (side.style == BorderItem::Style::Groove || side.style == BorderItem::Style::Ridge) {
+            const bool litOutside = (side.style == BorderItem::Style::Ridge) == (i == 0 || i == 3);
+            setColor(context, shaded(side.color, litOutside));
+            addSide(context, box, item, i, 0, 0.5);
+            setColor(context, shaded(side.color, !litOutside));
+            addSide(context, box, item, i, 0.5, 1);
         } else {
             addSide(context, box, item, i, 0, 1);
         }
@@ -230,6 +327,10 @@ void paintContent(const std::unique_ptr<Content>& item, const Box& box, cairo_t*
 }
 
 }  // namespace
+
+Color litColor(const Color& color) {
+    return shaded(color, true);
+}
 
 Box Box::intersected(const Box& other) const {
     const double left = std::max(x, other.x);

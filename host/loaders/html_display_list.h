@@ -11,8 +11,10 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <numbers>
 #include <string>
 #include <variant>
+#include <vector>
 
 namespace ternview {
 
@@ -35,6 +37,9 @@ struct Color {
     bool operator==(const Color&) const = default;
 };
 
+/// A colour as it looks in the light.
+Color litColor(const Color& color);
+
 /// Horizontal and vertical radius of each corner, clockwise from the upper left one.
 using CornerRadii = std::array<std::array<float, 2>, 4>;
 
@@ -56,7 +61,23 @@ struct PictureItem {
     bool repeatX;
     bool repeatY;
     CornerRadii radii;
+    float opacity;
     enum class Role { Content, Background } role;
+};
+
+/// A background of colours that turn into each other.
+struct GradientItem {
+    struct Stop {
+        Color color;
+        double offset;  // from 0 to 1, never before the one in front
+    };
+    std::vector<Stop> stops;
+    double angle = std::numbers::pi;  // from upwards, clockwise
+    int horizontal = 0;               // -1 to the left, 1 to the right
+    int vertical = 0;                 // -1 up, 1 down
+    bool toCorner = false;            // the angle depends on the box
+    bool radial = false;              // from the middle outwards
+    CornerRadii radii{};
 };
 
 /// The place of a picture that is not there.
@@ -66,7 +87,7 @@ struct FrameItem {
 };
 
 struct BorderItem {
-    enum class Style { None, Solid, Dotted, Dashed, Double };
+    enum class Style { None, Solid, Dotted, Dashed, Double, Groove, Ridge };
     struct Side {
         float width;
         Style style;
@@ -85,10 +106,13 @@ struct DisplayItem {
     Box box;   // what it covers
     Box clip;  // what may be seen of it
     // There may be hundreds of thousands of items, most of them words: what is larger than a word stands elsewhere.
-    std::variant<TextItem, FillItem, std::unique_ptr<PictureItem>, FrameItem, std::unique_ptr<BorderItem>, MarkerItem> content;
+    std::variant<TextItem, FillItem, std::unique_ptr<PictureItem>, std::unique_ptr<GradientItem>, FrameItem,
+                 std::unique_ptr<BorderItem>, MarkerItem>
+        content;
     // From the measures of the content to the place of the box: first scaled, then moved down.
     double scale = 1;
     double offset = 0;
+    std::uint32_t link = 0;  // the number of the link that it is a part of, from 1; 0 for none
 
     /// Whether a page break must not go through it.
     bool solid() const;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "html_addresses.h"
+#include "html_demands.h"
 
 #include <string>
 #include <string_view>
@@ -11,10 +12,13 @@ namespace ternview {
 
 struct SafeHtml {
     std::string html;           // UTF-8
+    std::string title;          // UTF-8, may be empty
     PictureAddresses pictures;  // what the short names in `html` stand for
+    LinkAddresses links;        // what the "link" attributes in `html` stand for
     enum class Mode { Standards, Quirks };
     Mode mode = Mode::Quirks;  // in quirks mode text starts anew, with plain font and alignment, inside each table
     bool shortened = false;    // the document was over a limit, and says so at its end
+    HtmlDemands demands;
 };
 
 /**

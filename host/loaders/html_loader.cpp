@@ -4,6 +4,11 @@
 #include "html_guard.h"
 #include "html_pages.h"
 #include "laid_out_document.h"
+#include "page_links.h"
+
+#include <cmath>
+#include <map>
+#include <vector>
 
 namespace ternview {
 namespace {
@@ -18,16 +23,20 @@ public:
         : m_setup(setup), m_pictures(directory, decoded.charset) {
         const double width = setup.width - 2 * setup.margin;
         const double height = setup.height - 2 * setup.margin;
-        const SafeHtml html = guardHtml(decoded.text);
+        SafeHtml html = guardHtml(decoded.text);
         decoded.text = {};
         m_recorded = recordHtml(html, static_cast<int>(width), static_cast<int>(height), m_fonts, m_pictures);
         fitToWidth(m_recorded.items, std::move(m_recorded.tops), width);
         m_plan = planPages(m_recorded.items, height, kMaxPages);
+        m_links = std::move(html.links);
+        m_title = std::move(html.title);
     }
 
     int pageCount() const override { return static_cast<int>(m_plan.pages.size()); }
 
     PaperSize paperSize(int) const override { return {m_setup.width, m_setup.height}; }
+
+    std::string title() const override { return m_title; }
 
     void drawPage(int index, cairo_t* context) override {
         const PagePlan::Page& page = m_plan.pages.at(static_cast<std::size_t>(index));
@@ -46,6 +55,9 @@ public:
         while (own != page.items.end() || spanning != m_plan.spanning.end()) {
             const bool takeOwn = spanning == m_plan.spanning.end() || (own != page.items.end() && *own < *spanning);
             drawItem(m_recorded.items[takeOwn ? *own++ : *spanning++], page, context);
+        }
+        if (carriesLinks(context)) {
+            addLinks(page, context);
         }
         cairo_restore(context);
         if (m_plan.shortened && index + 1 == pageCount()) {
@@ -71,6 +83,41 @@ private:
         cairo_restore(context);
     }
 
+    /// The parts of a link on one page, where neighbours are one area.
+    void addLinks(const PagePlan::Page& page, cairo_t* context) const {
+        std::map<std::uint32_t, std::vector<LinkArea>> areas;
+        for (const std::uint32_t index : page.items) {
+            const DisplayItem& item = m_recorded.items[index];
+            const Box seen = item.box.intersected(item.clip).intersected({0, page.top, m_setup.width, page.bottom - page.top});
+            if (item.link != 0 && !seen.empty()) {
+                addArea(areas[item.link], seen);
+            }
+        }
+        for (const auto& [link, parts] : areas) {
+            for (const LinkArea& part : parts) {
+                addPageLink(context, part, m_links.at(link - 1));
+            }
+        }
+    }
+
+    static void addArea(std::vector<LinkArea>& areas, const Box& box) {
+        if (!areas.empty()) {
+            LinkArea& last = areas.back();
+            const double right = std::max(last.x + last.width, box.right());
+            const double bottom = std::max(last.y + last.height, box.bottom());
+            const double gap = std::max(last.x, box.x) - std::min(last.x + last.width, box.right());
+            const double middle = box.y + box.height / 2;
+            if (gap <= box.height && middle > last.y && middle < last.y + last.height) {
+                last.x = std::min(last.x, box.x);
+                last.y = std::min(last.y, box.y);
+                last.width = right - last.x;
+                last.height = bottom - last.y;
+                return;
+            }
+        }
+        areas.push_back({box.x, box.y, box.width, box.height});
+    }
+
     void drawNotice(cairo_t* context) {
         const HtmlFont* font = m_fonts.create({.families = "sans-serif", .size = 12, .italic = true});
         cairo_set_source_rgb(context, 0, 0, 0);
@@ -82,6 +129,8 @@ private:
     HtmlPictures m_pictures;
     RecordedHtml m_recorded;
     PagePlan m_plan;
+    LinkAddresses m_links;
+    std::string m_title;
 };
 
 }  // namespace

@@ -1,6 +1,8 @@
 // The pictures of an HTML document: from data: URIs and from the directory of the document, and from nowhere else.
 #pragma once
 
+#include "html_picture_data.h"
+
 #include <cairo.h>
 
 #include <chrono>
@@ -33,10 +35,7 @@ public:
     const Picture* load(const std::string& address);
 
 private:
-    std::optional<std::string> readFile(const std::string& address) const;
-
-    std::optional<std::filesystem::path> m_directory;
-    std::string m_charset;
+    HtmlPictureData m_data;
     std::unordered_map<std::string, std::optional<Picture>> m_pictures;
     std::size_t m_decodedBytes = 0;
     std::chrono::milliseconds m_vectorTime{4000};  // that drawing all vector pictures may still take

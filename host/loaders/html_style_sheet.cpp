@@ -19,8 +19,9 @@ h3 { font-size: 1.17em; margin: 1em 0; }
 h4 { margin: 1.33em 0; }
 h5 { font-size: 0.83em; margin: 1.67em 0; }
 h6 { font-size: 0.67em; margin: 2.33em 0; }
-pre { display: block; font-family: monospace; font-size: 13px; white-space: pre-wrap; margin: 1em 0; }
-code, kbd, samp, tt { display: inline; font-family: monospace; font-size: 13px; }
+pre { display: block; font-family: monospace; font-size: 0.8125em; white-space: pre-wrap; margin: 1em 0; }
+code, kbd, samp, tt { display: inline; font-family: monospace; font-size: 0.8125em; }
+pre code, pre tt, code code { font-size: 1em; }
 hr { display: block; margin: 8px auto; border: 1px inset #808080; }
 fieldset { margin: 0 2px; padding: 6px 12px 10px 12px; border: 2px groove #c0c0c0; }
 ul, ol, dir, menu { display: block; margin: 1em 0; padding-left: 40px; }
@@ -46,17 +47,23 @@ nobr { white-space: nowrap; }
 button { display: inline-block; padding: 1px 6px; border: 1px solid #808080; background-color: #efefef; }
 br, img { display: inline-block; }
 table { display: table; border-collapse: separate; border-spacing: 2px; border-color: #808080; text-indent: 0; }
-thead { display: table-header-group; vertical-align: middle; }
-tbody { display: table-row-group; vertical-align: middle; }
-tfoot { display: table-footer-group; vertical-align: middle; }
-tr { display: table-row; vertical-align: middle; }
-td, th { display: table-cell; vertical-align: middle; padding: 1px; }
+thead, tbody, tfoot { display: table-row-group; vertical-align: middle; }
+tr { display: table-row; vertical-align: inherit; }
+td, th { display: table-cell; vertical-align: inherit; padding: 1px; }
 th { font-weight: bold; text-align: center; }
 caption { display: table-caption; text-align: center; }
 )css";
 
 const char* const kHtmlQuirksStyleSheet = R"css(
-table { font-size: 16px; font-weight: normal; font-style: normal; line-height: normal; white-space: normal; text-align: left; }
+table { font-size: 16px; font-weight: normal; font-style: normal; line-height: normal; white-space: normal; text-align: start; }
+body > p:first-child, td > p:first-child, th > p:first-child { margin-top: 0; }
+td > p:last-child, th > p:last-child { margin-bottom: 0; }
+)css";
+
+const char* const kHtmlRightToLeftStyleSheet = R"css(
+[dir=rtl] ul, [dir=rtl] ol, ul[dir=rtl], ol[dir=rtl] { padding-left: 0; padding-right: 40px; }
+[dir=ltr] ul, [dir=ltr] ol, ul[dir=ltr], ol[dir=ltr] { padding-left: 40px; padding-right: 0; }
+[dir=rtl] dd, dd[dir=rtl] { margin-left: 0; margin-right: 40px; }
 )css";
 
 }  // namespace ternview

@@ -9,4 +9,7 @@ extern const char* const kHtmlStyleSheet;
 /// What is added for documents without a modern document type: text starts anew inside tables.
 extern const char* const kHtmlQuirksStyleSheet;
 
+/// What is added for documents with right-to-left text.
+extern const char* const kHtmlRightToLeftStyleSheet;
+
 }  // namespace ternview

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <string_view>
 
 namespace ternview {
@@ -30,9 +31,20 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/// Where there is a choice: what laid a document out.
+struct LayoutOrigin {
+    std::string engine;  // "embedded" or "chromium"; empty where there was no choice
+    std::string note;    // why it was not the better one, as a part of a sentence; empty when it was
+};
+
 class LaidOutDocument {
 public:
     virtual ~LaidOutDocument() = default;
+
+    LayoutOrigin origin;
+
+    /// UTF-8; empty when the document has none.
+    virtual std::string title() const { return {}; }
     /// At least 1.
     virtual int pageCount() const = 0;
     /// Of one page (0-based): the paper that was asked for, unless the document has its own.

@@ -35,17 +35,6 @@ std::string_view withoutTrailingNuls(std::string_view bytes) {
     return bytes.substr(0, bytes.find_last_not_of('\0') + 1);
 }
 
-std::string repairUtf8(std::string_view bytes) {
-    std::string out;
-    out.reserve(bytes.size());
-    while (!bytes.empty()) {
-        const Utf8Step step = readUtf8(bytes);
-        out.append(step.valid ? bytes.substr(0, step.size) : kReplacement);
-        bytes.remove_prefix(step.size);
-    }
-    return out;
-}
-
 /// True for UTF-8 that was damaged, such as text cut within a character: no other charset gives so many valid sequences.
 bool looksLikeDamagedUtf8(std::string_view bytes) {
     std::size_t valid = 0;
@@ -122,11 +111,11 @@ std::string decodeUnmarked(std::string_view bytes) {
         return std::string(bytes);
     }
     if (looksLikeDamagedUtf8(bytes)) {
-        return repairUtf8(bytes);
+        return repairedUtf8(bytes);
     }
     Converter converter(guessCharset(bytes));
     // Some converters give characters that UTF-8 does not allow, such as surrogates.
-    return repairUtf8(converter.valid() ? converter.convert(bytes) : bytes);
+    return repairedUtf8(converter.valid() ? converter.convert(bytes) : bytes);
 }
 
 bool isLineBreak(char32_t character) {
@@ -171,7 +160,7 @@ std::string decodeText(std::string_view bytes) {
     } else if (skip(bytes, kUtf16BigEndianMark)) {
         text = utf8FromUtf16(bytes, ByteOrder::kBigEndian);
     } else if (skip(bytes, kUtf8Mark)) {
-        text = repairUtf8(bytes);
+        text = repairedUtf8(bytes);
     } else {
         text = decodeUnmarked(withoutTrailingNuls(bytes));
     }

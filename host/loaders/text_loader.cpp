@@ -9,11 +9,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "loaders.h"
+#include "loaders/html_addresses.h"
 #include "loaders/laid_out_document.h"
+#include "loaders/page_links.h"
 #include "loaders/text_encoding.h"
 #include "utf.h"
 
@@ -75,6 +78,41 @@ std::size_t headerLength(std::string_view text) {
     return std::min(text.find("\n\n"), text.size());
 }
 
+/// An address in the text. Offsets are bytes.
+struct TextLink {
+    std::size_t begin;
+    std::size_t end;
+    std::string target;
+};
+
+/// The addresses of the web and of mail in a text, without the punctuation that ends a sentence.
+std::vector<TextLink> findLinks(std::string_view text) {
+    constexpr std::string_view kEnds = " \t\"<>";
+    constexpr std::string_view kPunctuation = ".,;:!?'*_)]}";
+    std::vector<TextLink> links;
+    for (std::size_t colon = text.find(':'); colon != std::string_view::npos; colon = text.find(':', colon + 1)) {
+        const std::string_view before = text.substr(0, colon);
+        const std::string_view scheme = before.ends_with("https") || before.ends_with("HTTPS")     ? "https"
+                                        : before.ends_with("http") || before.ends_with("HTTP")     ? "http"
+                                        : before.ends_with("mailto") || before.ends_with("MAILTO") ? "mailto"
+                                                                                                   : "";
+        const std::string_view behind = text.substr(colon + 1);
+        if (scheme.empty() || (scheme != "mailto" && !behind.starts_with("//"))) {
+            continue;
+        }
+        std::size_t end = std::min(text.find_first_of(kEnds, colon), text.size());
+        while (end > colon + 1 && kPunctuation.find(text[end - 1]) != std::string_view::npos) {
+            --end;
+        }
+        const std::size_t begin = colon - scheme.size();
+        if (std::string target = linkTarget(text.substr(begin, end - begin)); !target.empty()) {
+            links.push_back({begin, end, std::move(target)});
+            colon = end - 1;
+        }
+    }
+    return links;
+}
+
 class TextDocument final : public LaidOutDocument {
 public:
     TextDocument(std::string text, const PageSetup& setup)
@@ -99,6 +137,8 @@ public:
         Piece piece = layOutPiece(pages_[page].piece);
         int firstLine = pages_[page].line;
         while (piece.begin <= stop.piece) {
+            const std::vector<TextLink> links = carriesLinks(context) ? findLinks(pango_layout_get_text(layout_.get()))
+                                                                      : std::vector<TextLink>();
             int number = 0;
             for (const PaperLine& line : paperLines(piece)) {
                 const bool isBeyond = piece.begin == stop.piece && number >= stop.line;
@@ -106,6 +146,7 @@ public:
                     continue;
                 }
                 drawLine(context, line, top);
+                addLinks(context, line, top, links);
                 top += line.height;
             }
             firstLine = 0;
@@ -231,6 +272,26 @@ private:
         cairo_move_to(context, setup_.margin + pango_units_to_double(line.x),
                       setup_.margin + pango_units_to_double(top + line.baseline));
         pango_cairo_show_layout_line(context, line.line);
+    }
+
+    /// The parts of links that stand in a line.
+    void addLinks(cairo_t* context, const PaperLine& line, int top, const std::vector<TextLink>& links) const {
+        const auto begin = static_cast<std::size_t>(line.line->start_index);
+        const std::size_t end = begin + static_cast<std::size_t>(line.line->length);
+        for (const TextLink& link : links) {
+            if (link.begin >= end || link.end <= begin) {
+                continue;
+            }
+            int from = 0;
+            int to = 0;
+            pango_layout_line_index_to_x(line.line, static_cast<int>(std::max(link.begin, begin)), FALSE, &from);
+            pango_layout_line_index_to_x(line.line, static_cast<int>(std::min(link.end, end)), FALSE, &to);
+            const double left = setup_.margin + pango_units_to_double(line.x + std::min(from, to));
+            addPageLink(context,
+                        {left, setup_.margin + pango_units_to_double(top), pango_units_to_double(std::abs(to - from)),
+                         pango_units_to_double(line.height)},
+                        link.target);
+        }
     }
 
     void drawNote(cairo_t* context) {

@@ -7,6 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <csignal>
 #include <cstdio>
@@ -22,8 +23,9 @@
 #include <LibreOfficeKit/LibreOfficeKit.h>
 
 #include "frames.h"
-#include "office_messages.h"
+#include "office_requests.h"
 #include "office_sandbox.h"
+#include "service/service_messages.h"
 
 namespace {
 
@@ -74,21 +76,35 @@ LibreOfficeKit* startSuite(const fs::path& suite, const std::string& directory) 
     return hook != nullptr ? hook(suite.c_str(), ("file://" + profile.string()).c_str()) : nullptr;
 }
 
+struct Target {
+    std::string_view label;  // in requests
+    const char* file;        // the suite takes some of a document's nature from the end of its name, so these names are fixed
+    const char* filter;
+    const char* options;
+    FrameKind answer;
+};
+
+constexpr Target kTargets[] = {
+    {"pdf ", "message.pdf", "pdf", kPdfOptions, FrameKind::kPdf},
+    {"text ", "message.txt", "txt", "UTF8", FrameKind::kDocument},
+    {"html ", "message.html", "html", "EmbedImages", FrameKind::kDocument},
+};
+
 struct Request {
-    bool wantsText;
+    const Target* target;
     unsigned seconds;
 };
 
 std::optional<Request> parseRequest(std::string_view label) {
-    const bool wantsText = label.starts_with("text ");
-    if (!wantsText && !label.starts_with("pdf ")) {
+    const auto target = std::ranges::find_if(kTargets, [label](const Target& t) { return label.starts_with(t.label); });
+    if (target == std::end(kTargets)) {
         return std::nullopt;
     }
     unsigned seconds = 0;
     const std::string_view digits = label.substr(label.find(' ') + 1);
     const auto [stop, error] = std::from_chars(digits.data(), digits.data() + digits.size(), seconds);
     const bool isNumber = error == std::errc() && stop == digits.data() + digits.size();
-    return isNumber && seconds > 0 && seconds <= kLongestTimeLimit ? std::optional(Request{wantsText, seconds}) : std::nullopt;
+    return isNumber && seconds > 0 && seconds <= kLongestTimeLimit ? std::optional(Request{target, seconds}) : std::nullopt;
 }
 
 std::string takeError(LibreOfficeKit& suite) {
@@ -105,36 +121,35 @@ struct CloseDocument {
 };
 
 /// @return why nothing came of it; empty when the target has been written
-std::string convert(LibreOfficeKit& suite, const fs::path& source, const fs::path& target, bool toText) {
+std::string convert(LibreOfficeKit& suite, const fs::path& source, const fs::path& file, const Target& target) {
     const std::unique_ptr<LibreOfficeKitDocument, CloseDocument> document(
         suite.pClass->documentLoad(&suite, ("file://" + source.string()).c_str()));
     if (document == nullptr) {
         return takeError(suite);
     }
-    const int saved = document->pClass->saveAs(document.get(), ("file://" + target.string()).c_str(), toText ? "txt" : "pdf",
-                                               toText ? "UTF8" : kPdfOptions);
+    const int saved =
+        document->pClass->saveAs(document.get(), ("file://" + file.string()).c_str(), target.filter, target.options);
     return saved != 0 ? "" : takeError(suite);
 }
 
-void answer(LibreOfficeKit& suite, const fs::path& directory, const OfficeMessage& message, const Request& request,
+void answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessage& message, const Request& request,
             FrameWriter& out) {
-    // The suite takes some of a document's nature from the end of its name, so these names are fixed.
     const fs::path source = directory / "message.rtf";
-    const fs::path target = directory / (request.wantsText ? "message.txt" : "message.pdf");
+    const fs::path target = directory / request.target->file;
     std::ofstream(source, std::ios::binary) << message.bytes;
     std::signal(SIGALRM, SIG_DFL);  // the end of the process, whatever the suite is at and has set
     ::alarm(request.seconds);
-    const std::string reason = convert(suite, source, target, request.wantsText);
+    const std::string reason = convert(suite, source, target, *request.target);
     ::alarm(0);
     std::ifstream stream(target, std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
     fs::remove(source);
     fs::remove(target);
-    if (!reason.empty() || bytes.empty() || bytes.size() > kLargestOfficeMessage) {
+    if (!reason.empty() || bytes.empty() || bytes.size() > kLargestServiceMessage) {
         out.result(reason.empty() ? "nothing to show came of it, or too much" : reason);
         return;
     }
-    out.begin(request.wantsText ? FrameKind::kDocument : FrameKind::kPdf);
+    out.begin(request.target->answer);
     out.data(bytes);
     out.end();
 }
@@ -144,7 +159,7 @@ void serve(LibreOfficeKit*& suite, const fs::path& directory, const fs::path& su
     for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
         ::setsockopt(socket, SOL_SOCKET, option, &patience, sizeof(patience));
     }
-    const std::optional<OfficeMessage> message = readOfficeMessage(socket);
+    const std::optional<ServiceMessage> message = readServiceMessage(socket);
     const std::optional<Request> request =
         message && message->kind == FrameKind::kDocument ? parseRequest(message->label) : std::nullopt;
     if (!request) {

@@ -36,27 +36,30 @@ inline constexpr char kTernLoadName[] = "TERN_Load";
 extern "C" {
 
 /**
- * Describes the message that the request names and prepares nothing beyond the call.
+ * Describes the message that the request names. With a `cacheSlot` the message stays in the slot and is what later calls describe
+ * and load, whatever they ask for; without one nothing is prepared beyond the call.
  *
  * @param request the request; `fileHandle` stays the caller's and is left at an unspecified position
  * @return 1, with the caller's `fileInfo` and `messageNumber` filled; -13 for a null request; -7 when the file has fewer than
- *         12 bytes; -1863 when a loader failed, with its status in `loaderStatus`; any other status of the message's reader
+ *         12 bytes; -9 when the slot holds a message of another kind of source; -1863 when a loader failed, with its status in
+ *         `loaderStatus`; any other status of the message's reader
  */
 TERNKIT_EXPORT ternkit::Status fltInfo(ternkit::FilterInfoRequest* request);
 
 /**
- * Builds the document of the message that the request names and hands it to one of the request's loaders.
+ * Hands the document of a message to one of the request's loaders: of the message in `cacheSlot`, else of the one that the
+ * request names.
  *
- * @param request the request; the file is opened by its name
+ * @param request the request; unless the slot holds a message, the file is opened by its name
  * @return the loader's status; -13 for a null request; -10 when the file cannot be opened; -7 when it has fewer than 12 bytes;
  *         any other status of the message's reader
  */
 TERNKIT_EXPORT ternkit::Status fltLoad(ternkit::FilterLoadRequest* request);
 
 /**
- * Frees what the filter left with the host.
+ * Frees what the filter left in a slot. The caller takes it out of the slot.
  *
- * @param data what the filter left; anything else is left alone
+ * @param data what the filter left, which is no block; anything else is left alone
  * @param keep 0 frees the data with its temporary files, any other value does nothing
  * @return 1; -13 when `data` is null
  */

@@ -78,6 +78,7 @@ inline constexpr std::uint32_t kHostFileInfoSize = 2316;
 inline constexpr std::uint32_t kHostLoadOptionsSize = 84;
 inline constexpr std::uint32_t kInfoLoadFlags = 4096;           // `loadFlags` of the record that fltInfo hands to a loader
 inline constexpr std::uint32_t kLoadFlagClearedOnLoad = 16384;  // `loadFlags` bit that fltLoad clears
+inline constexpr std::uint32_t kLoaderDataGiven = 4;            // `flags` bit of HostLoadOptions: its `filterData` is valid
 inline constexpr std::uint32_t kDocumentBitsPerPixel = 24;
 
 // What the loaders are called with beside the records. The meaning of the constants lies in the host.
@@ -106,7 +107,7 @@ struct FilterInfoRequest {
     std::uint8_t unused8[4];
     FileHandle fileHandle;
     HostFileInfo* fileInfo;    // filled as the result
-    LoadCacheSlot* cacheSlot;  // null when the host keeps nothing between calls
+    LoadCacheSlot* cacheSlot;  // null when the host keeps nothing between calls; see load_cache.h
     std::uint8_t unused36[20];
     HostLoadOptions* options;
     std::uint8_t unused64[792];

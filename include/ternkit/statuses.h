@@ -23,6 +23,7 @@ inline constexpr Status kNullPointer = -814;
 inline constexpr Status kWideConversionFailed = -1488;
 inline constexpr Status kCannotCreate = -1490;
 inline constexpr Status kUtf8ConversionFailed = -1851;
+inline constexpr Status kNoSuchEntry = -1860;   // no entry of that number in a slot's block
 inline constexpr Status kLoaderFailed = -1863;  // a host loader failed; its own status is in `loaderStatus`
 
 }  // namespace ternkit

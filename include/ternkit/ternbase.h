@@ -35,6 +35,9 @@ TERNBASE_API void TbHostSetBlockLimit(std::uint64_t bytes);
 /** Bytes that all large buffers may hold together before TbMemQuota refuses; 0 (the default) means no limit. */
 TERNBASE_API void TbHostSetMemoryQuota(std::uint64_t bytes);
 
+/** Frees a MultiLoadBlock that a filter made in a host's slot; null is ignored. What its entries hold goes first. */
+TERNBASE_API void TbHostFreeBlock(void* block);
+
 /**
  * Gives the native path of a name that the filter made: a backslash becomes a separator, the text UTF-8.
  *

@@ -50,6 +50,9 @@ public:
     FilterDataGuard& operator=(const FilterDataGuard&) = delete;
     ~FilterDataGuard() { DestroyFilterData(m_record); }
 
+    /// Leaves the record to whoever has it now.
+    void release() { m_record = nullptr; }
+
 private:
     PstFilterData* m_record;
 };

@@ -124,7 +124,10 @@ std::shared_ptr<data_block>& extended_block::load_child(ulong index) const {
         std::shared_ptr<data_block> child;
         if (m_block_info[index] != 0) {
             child = db->read_data_block(m_block_info[index]);
-            place.take(child->load_cost());
+            if (!m_taken[index]) {
+                place.take(child->load_cost());
+                m_taken[index] = true;
+            }
         } else {
             child = make_hole(db, place);
         }
@@ -134,6 +137,19 @@ std::shared_ptr<data_block>& extended_block::load_child(ulong index) const {
         slot = std::move(child);
     }
     return slot;
+}
+
+void extended_block::forget_blocks() {
+    for (std::size_t index = 0; index < m_child_blocks.size(); ++index) {
+        std::shared_ptr<data_block>& slot = m_child_blocks[index];
+        // A hole, or a block that was changed, stands in memory only.
+        const bool is_on_disk = slot && m_block_info[index] != 0 && slot->get_id() == m_block_info[index];
+        if (is_on_disk && !slot->is_internal()) {
+            slot.reset();
+        } else if (slot) {
+            slot->forget_blocks();
+        }
+    }
 }
 
 std::size_t extended_block::read_raw(byte* dst, std::size_t size, ulong offset) const {
@@ -210,6 +226,7 @@ std::size_t extended_block::resize(std::size_t size, std::shared_ptr<data_block>
     const std::size_t old_count = m_block_info.size();
     m_block_info.resize(static_cast<std::size_t>(count));
     m_child_blocks.resize(static_cast<std::size_t>(count));
+    m_taken.resize(static_cast<std::size_t>(count));
     if (old_count > 0 && old_count < count) {
         std::shared_ptr<data_block>& former_last = load_child(static_cast<ulong>(old_count - 1));
         former_last->resize(static_cast<std::size_t>(m_child_max_total_size), former_last);

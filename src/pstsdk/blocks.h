@@ -74,6 +74,8 @@ public:
     /// The bytes that the tree can lie in. An extended block may announce anything: where memory or work is sized by its total
     /// size, that is first compared with this. Holes are not counted, as they take no room in the file.
     virtual ulonglong get_room() const { return m_total_size; }
+    /// Gives back blocks below that can be read again. What they cost their tree stays accounted for.
+    virtual void forget_blocks() {}
     /// The whole content. The memory grows with what could be read, so that an announced size alone costs nothing.
     std::vector<byte> read_all() const;
 
@@ -142,6 +144,7 @@ public:
           m_level(level),
           m_block_info(std::move(children)),
           m_child_blocks(m_block_info.size()),
+          m_taken(m_block_info.size()),
           m_place(std::move(place)) {}
     extended_block(const extended_block&) = default;
 
@@ -152,6 +155,7 @@ public:
     std::shared_ptr<external_block> get_page(ulong index) override;
     std::size_t resize(std::size_t size, std::shared_ptr<data_block>& result) override;
 
+    void forget_blocks() override;
     ulonglong get_room() const override { return m_place.capacity().value_or(m_total_size); }
 
     ushort get_level() const { return m_level; }
@@ -172,6 +176,7 @@ private:
     ushort m_level;
     std::vector<block_id> m_block_info;
     mutable std::vector<std::shared_ptr<data_block>> m_child_blocks;
+    mutable std::vector<bool> m_taken;  // the child is accounted for
     tree_place m_place;
 };
 

@@ -32,8 +32,16 @@ public:
 
     virtual ~btree_node() = default;
 
+    /// The value of a key, or null. @throws whatever the reading of a child throws
+    virtual const V* find(const K& key) const = 0;
     /// @throws key_not_found<K>, and whatever the reading of a child throws
-    virtual const V& lookup(const K& key) const = 0;
+    const V& lookup(const K& key) const {
+        const V* value = find(key);
+        if (value == nullptr) {
+            throw key_not_found<K>(key);
+        }
+        return *value;
+    }
     virtual const K& get_key(ulong pos) const = 0;
     virtual ulong num_values() const = 0;
     virtual void first(btree_iter<K, V>& iter) const = 0;
@@ -65,12 +73,9 @@ public:
 template <typename K, typename V>
 class btree_node_leaf : public virtual btree_node<K, V> {
 public:
-    const V& lookup(const K& key) const override {
+    const V* find(const K& key) const override {
         const ulong pos = this->binary_search(key);
-        if (pos == this->not_found || this->get_key(pos) != key) {
-            throw key_not_found<K>(key);
-        }
-        return get_value(pos);
+        return pos != this->not_found && this->get_key(pos) == key ? &get_value(pos) : nullptr;
     }
 
     void first(btree_iter<K, V>& iter) const override {
@@ -139,12 +144,9 @@ private:
 template <typename K, typename V>
 class btree_node_nonleaf : public virtual btree_node<K, V> {
 public:
-    const V& lookup(const K& key) const override {
+    const V* find(const K& key) const override {
         const ulong pos = this->binary_search(key);
-        if (pos == this->not_found) {
-            throw key_not_found<K>(key);
-        }
-        return get_child(pos)->lookup(key);
+        return pos != this->not_found ? get_child(pos)->find(key) : nullptr;
     }
 
     void first(btree_iter<K, V>& iter) const override {

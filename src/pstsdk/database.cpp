@@ -61,6 +61,7 @@ void file::read(ulonglong address, byte* buffer, std::size_t count) const {
     if (position < 0 || static_cast<ulonglong>(position) != address) {
         throw std::out_of_range("fseek failed");
     }
+    m_bytes_read += count;
     if (TbFileRead64(m_handle, buffer, count) != count) {
         throw std::out_of_range("fread failed");
     }
@@ -149,6 +150,22 @@ std::shared_ptr<nbt_page> database_impl<T>::read_nbt_root() {
 }
 
 template <typename T>
+void database_impl<T>::trim_pages() {
+    constexpr ulong most_pages = 2048;
+    if (m_pages_since_trim < most_pages || m_budget->trial() != 0) {
+        return;
+    }
+    m_pages_since_trim = 0;
+    if (auto* root = dynamic_cast<bbt_nonleaf_page*>(m_bbt_root.get())) {
+        root->forget_pages(forget::trials_and_leaves);
+    }
+    // Positions of a walk stand in the node tree, in pages that were not read on trial.
+    if (auto* root = dynamic_cast<nbt_nonleaf_page*>(m_nbt_root.get())) {
+        root->forget_pages(forget::trials);
+    }
+}
+
+template <typename T>
 auto database_impl<T>::read_page_data(const page_info& info) const -> page_data {
     const ulonglong end_of_file = m_header.root.ibFileEof;
     if (info.address > end_of_file || end_of_file - info.address < disk::page_size) {
@@ -159,6 +176,7 @@ auto database_impl<T>::read_page_data(const page_info& info) const -> page_data 
     }
     page_data data;
     m_file.read(info.address, data.data(), data.size());
+    ++m_pages_since_trim;
     const auto trailer = trailer_of<T>(view_of(data));
     if (trailer.bid != info.id) {
         throw unexpected_page("wrong page id");
@@ -201,7 +219,7 @@ std::shared_ptr<bt_nonleaf_page<K, V>> database_impl<T>::make_nonleaf(const page
     using entry = disk::child_entry<T>;
     using pair = std::pair<K, page_info>;
     return std::make_shared<bt_nonleaf_page<K, V>>(shared_from_this(), info, counters_of<T>(view_of(data)).cLevel,
-                                                   tree_place(m_file.length()),
+                                                   tree_place(m_file.length(), m_budget),
                                                    page_entries<T, entry, pair>(view_of(data), [](const entry& e) -> pair {
                                                        return {static_cast<K>(e.btkey), page_info{e.bref.bid, e.bref.ib}};
                                                    }));
@@ -388,7 +406,7 @@ std::shared_ptr<extended_block> database_impl<T>::read_extended_block(const shar
     return std::make_shared<extended_block>(
         db, info, capacity_of<T>(header.cLevel), header.cLevel, header.lcbTotal,
         block_entries<T, block_id>(room, sizeof(header), header.cEnt, [](T id) { return block_id{id}; }),
-        tree_place(m_file.length(), m_hole_bytes_left));
+        tree_place(m_file.length(), m_budget));
 }
 
 template <typename T>

@@ -73,6 +73,16 @@ public:
     /// An id for a block in memory; the file's own counter is not changed.
     virtual block_id alloc_bid(block_kind kind) = 0;
 
+    /// Bytes in the file.
+    virtual ulonglong length() const = 0;
+    /// Bytes read from the file so far.
+    virtual ulonglong bytes_read() const = 0;
+    /// What the trees of the store account for together.
+    store_budget& budget() { return *m_budget; }
+    /// Gives back memory of the page trees when they have grown: for somebody who walks through the whole store, between two
+    /// steps. Nobody may hold a position in the block tree. In a trial it does nothing.
+    virtual void trim_pages() = 0;
+
     // The same with this database as the owner. @throws std::bad_weak_ptr when nothing owns it any more
     std::shared_ptr<data_block> read_data_block(block_id id) { return read_data_block(shared_from_this(), id); }
     std::shared_ptr<subnode_block> read_subnode_block(block_id id) { return read_subnode_block(shared_from_this(), id); }
@@ -82,6 +92,9 @@ public:
     std::shared_ptr<extended_block> create_extended_block(const std::shared_ptr<external_block>& child) {
         return create_extended_block(shared_from_this(), child);
     }
+
+protected:
+    std::shared_ptr<store_budget> m_budget = std::make_shared<store_budget>();
 };
 
 }  // namespace pstsdk

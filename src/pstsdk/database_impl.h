@@ -27,11 +27,13 @@ public:
     void read(ulonglong address, byte* buffer, std::size_t count) const;
     /// Bytes in the file, asked for once.
     ulonglong length() const;
+    ulonglong bytes_read() const { return m_bytes_read; }
 
 private:
     std::u16string m_name;
     ternkit::FileHandle m_handle;
     mutable std::optional<ulonglong> m_length;
+    mutable ulonglong m_bytes_read = 0;
 };
 
 /// @tparam T ulong for the ANSI layout, ulonglong for the Unicode layout
@@ -81,6 +83,10 @@ public:
                                                           const std::shared_ptr<external_block>& child) override;
     block_id alloc_bid(block_kind kind) override;
 
+    ulonglong length() const override { return m_file.length(); }
+    ulonglong bytes_read() const override { return m_file.bytes_read(); }
+    void trim_pages() override;
+
 private:
     using layout = disk::layout<T>;
     using page_data = std::array<byte, disk::page_size>;
@@ -99,7 +105,7 @@ private:
 
     file m_file;
     disk::header<T> m_header;
-    std::shared_ptr<ulonglong> m_hole_bytes_left = std::make_shared<ulonglong>(max_bytes_in_holes);
+    mutable ulong m_pages_since_trim = 0;
     std::shared_ptr<bbt_page> m_bbt_root;
     std::shared_ptr<nbt_page> m_nbt_root;
 };

@@ -52,6 +52,8 @@ private:
     std::vector<std::pair<K, V>> m_page_data;
 };
 
+enum class forget { trials, trials_and_leaves };
+
 template <typename K, typename V>
 class bt_nonleaf_page : public bt_page<K, V>,
                         public btree_node_nonleaf<K, V>,
@@ -60,18 +62,26 @@ public:
     /// @param place the place of a root; get_child gives a child its own
     bt_nonleaf_page(const std::shared_ptr<db_context>& db, const page_info& info, ushort level, const tree_place& place,
                     std::vector<std::pair<K, page_info>> children)
-        : bt_page<K, V>(db, info, level, place), m_page_info(std::move(children)), m_child_pages(m_page_info.size()) {}
+        : bt_page<K, V>(db, info, level, place),
+          m_page_info(std::move(children)),
+          m_child_pages(m_page_info.size()),
+          m_taken(m_page_info.size()) {}
 
     const K& get_key(ulong pos) const override { return m_page_info.at(pos).first; }
     ulong num_values() const override { return static_cast<ulong>(m_page_info.size()); }
     bt_page<K, V>* get_child(ulong pos) override { return load_child(pos); }
     const bt_page<K, V>* get_child(ulong pos) const override { return load_child(pos); }
 
+    /// Gives back the pages below that only trials have read, and the leaves if they are wanted, too. What was accounted for
+    /// stays so, and what is needed again is read again. Nobody may hold a position in what goes.
+    void forget_pages(forget what);
+
 private:
     bt_page<K, V>* load_child(ulong pos) const;
 
     std::vector<std::pair<K, page_info>> m_page_info;
     mutable std::vector<std::shared_ptr<bt_page<K, V>>> m_child_pages;
+    mutable std::vector<taken_mark> m_taken;  // for each child
 };
 
 using bbt_page = bt_page<ulonglong, block_info>;

@@ -61,12 +61,7 @@ ushort property_bag::prop_type(prop_id id) const {
 }
 
 bool property_bag::has_prop(prop_id id) const {
-    try {
-        m_root->lookup(id);
-        return true;
-    } catch (const key_not_found<prop_id>&) {
-        return false;
-    }
+    return m_root->find(id) != nullptr;
 }
 
 hnid_value property_bag::value(prop_id id) const {

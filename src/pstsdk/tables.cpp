@@ -37,6 +37,11 @@ public:
     ulong row_count() const override;
     bool cell_exists(ulong row, prop_id id) const override;
     ulonglong cell_size(ulong row, prop_id id) const override { return value(row, id).size(); }
+    void forget_rows() const override {
+        if (m_row_node) {
+            m_row_node->ensure_data_block()->forget_blocks();
+        }
+    }
 
 private:
     const disk::column_description& column(prop_id id) const;

@@ -77,6 +77,8 @@ public:
     /// False for an unknown column, whatever the row. @throws std::out_of_range, database_corrupt
     virtual bool cell_exists(ulong row, prop_id id) const = 0;
     virtual ulonglong cell_size(ulong row, prop_id id) const = 0;
+    /// Gives back the memory of the rows that have been looked at; they are read again when they are needed.
+    virtual void forget_rows() const = 0;
 };
 
 /// Opens a node as a table.

@@ -17,6 +17,8 @@
 #include <unordered_map>
 #endif
 
+TB_SOURCE(u"src/ternbase/memory")
+
 namespace {
 
 constexpr std::uint64_t kDefaultBlockLimit = 512ULL * 1024 * 1024;
@@ -155,6 +157,10 @@ void* TbMemRealloc(void* block, std::uint64_t size, int line, const char16_t* fi
 void TbMemFree(void* block, int line, const char16_t* file) {
     untrackBlock(block, line, file);
     std::free(block);
+}
+
+void TbHostFreeBlock(void* block) {
+    TbMemFree(block, TB_HERE);
 }
 
 void TbTrackNew([[maybe_unused]] int kind, [[maybe_unused]] const void* object, [[maybe_unused]] int line,

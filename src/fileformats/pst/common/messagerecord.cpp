@@ -6,9 +6,13 @@
 
 TB_SOURCE(u"src/fileformats/pst/common/pst")
 
+bool PageTableFits(std::int32_t count) {
+    return count >= 1 && static_cast<std::uint64_t>(count) <= TbMemBlockLimit() / sizeof(MessageRecord);
+}
+
 MessagePageTable* MakeMessagePageTable(std::int32_t count) {
     // The count is the store's own word, so it is held against the limit for blocks before records are made.
-    if (count < 1 || static_cast<std::uint64_t>(count) > TbMemBlockLimit() / sizeof(MessageRecord)) {
+    if (!PageTableFits(count)) {
         return nullptr;
     }
     ScopedBlock holder(TbMemAlloc(1, sizeof(MessagePageTable), TB_HERE));

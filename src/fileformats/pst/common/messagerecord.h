@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
+#include <ternkit/batch.h>
 #include "internal/ternclasses_.h"
 
 inline constexpr std::uint32_t kPropertyTypeUnicode = 0x001F;  // PtypString of [MS-OXCDATA]: UTF-16LE
@@ -27,12 +29,22 @@ struct MessageRecord {
     std::uint32_t plainBodyType = 0;  // property type of a store's `plainBody`: kPropertyTypeUnicode, else 8-bit text
 };
 
+// What a list of messages tells beside the header fields.
+struct MessageFacts {
+    std::uint32_t bodies = 0;                 // ternkit::BatchBodies
+    std::uint64_t bodyBytes = 0;              // of all bodies, as they are stored
+    std::optional<std::uint64_t> storedSize;  // what a store says of the message
+    std::int64_t sentTime = ternkit::kBatchNoTime;
+};
+
 // All pages of a store: one record for each, at the page's number.
 struct MessagePageTable {
     std::int32_t count;
     MessageRecord* records;
 };
 
+/// True when the records of `count` pages, at least one, are no larger block than the kernel gives.
+bool PageTableFits(std::int32_t count);
 /// Makes a table of `count` empty records, at least one. @return the table, for ReleaseMessagePageTable; null when memory is
 /// short or the records would take a larger block than the kernel gives
 MessagePageTable* MakeMessagePageTable(std::int32_t count);

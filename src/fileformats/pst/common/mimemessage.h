@@ -55,8 +55,11 @@ struct PendingBody {
     bool present = false;
 };
 
+enum class Pictures { Embed, Leave };
+
 struct MimeMessage {
-    OwnedBytes fileBytes;  // the whole file; its size is the file's + 1
+    Pictures pictures = Pictures::Embed;  // what becomes of those that the body names
+    OwnedBytes fileBytes;                 // the whole file; its size is the file's + 1
     const char* fileEnd = nullptr;
     PendingBody pendingBody;
     OwnedBytes body;  // the chosen body, then the document; valid once ResolveBody has run

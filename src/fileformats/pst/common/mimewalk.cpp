@@ -133,7 +133,8 @@ private:
             }
             return keeping;
         }
-        return m_part.isPicture() && m_part.name ? embedPicture(m_part, m_message, m_imageContext) : ternkit::kOk;
+        const bool wanted = m_message.pictures == Pictures::Embed;
+        return wanted && m_part.isPicture() && m_part.name ? embedPicture(m_part, m_message, m_imageContext) : ternkit::kOk;
     }
 
     MimeMessage& m_message;

@@ -73,12 +73,8 @@ Status makeTextDocument(MessageRecord& message, ByteBuffer& document) {
 
 }  // namespace
 
-Status DispatchMsgMessage(const char16_t* fileName, PstFilterData& record, BodyKind& bodyKind, bool plainTextOnly) {
-    MessageRecord message;
-    Status status = ReadMsgFile(message, record, fileName);
-    if (status != ternkit::kOk) {
-        return status;
-    }
+Status MakeMsgDocument(MessageRecord& message, BodyKind& bodyKind, bool plainTextOnly, PstFilterData& record) {
+    Status status = ternkit::kOk;
     if (plainTextOnly || message.body.data == nullptr) {
         bodyKind = BodyKind::Plain;
         status = makeTextDocument(message, record.document);
@@ -92,4 +88,10 @@ Status DispatchMsgMessage(const char16_t* fileName, PstFilterData& record, BodyK
         record.attachmentStatus = message.attachmentStatus;
     }
     return status;
+}
+
+Status DispatchMsgMessage(const char16_t* fileName, PstFilterData& record, BodyKind& bodyKind, bool plainTextOnly) {
+    MessageRecord message;
+    const Status status = ReadMsgFile(message, &record, fileName, nullptr);
+    return status == ternkit::kOk ? MakeMsgDocument(message, bodyKind, plainTextOnly, record) : status;
 }

@@ -2,6 +2,16 @@
 #pragma once
 
 #include "common/filterdata.h"
+#include "fileformats/pst/common/messagerecord.h"
+
+/**
+ * Composes the document of an item's message.
+ *
+ * @param message as ReadMsgFile has filled it; its bodies are changed on the way
+ * @param bodyKind receives the document's kind
+ * @return 1; -9 for a message with nothing to show; -1
+ */
+ternkit::Status MakeMsgDocument(MessageRecord& message, BodyKind& bodyKind, bool plainTextOnly, PstFilterData& record);
 
 /**
  * Reads the item's message and composes its document into the record.

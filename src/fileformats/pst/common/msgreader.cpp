@@ -131,13 +131,14 @@ bool findProperty(const OwnedBytes& stream, std::uint16_t type, std::uint16_t id
 }
 
 /// Sent time and importance, which are numbers and so have no streams of their own.
-Status readNumbers(MessageRecord& record, const MsgStorage& message) {
+Status readNumbers(MessageRecord& record, const MsgStorage& message, MessageFacts& facts) {
     OwnedBytes stream;
     if (ReadMsgBytes(message, kProperties, stream) != ternkit::kOk || stream.size < kSmallestPropertyStream) {
         return ternkit::kOk;
     }
     PropertyEntry entry;
     if (findProperty(stream, kTypeTime, kClientSubmitTime, entry)) {
+        facts.sentTime = SentSeconds(entry.value).value_or(ternkit::kBatchNoTime);
         const Status status = FormatSentTime(entry.value, record.sentTime);
         if (status < ternkit::kOk) {
             return status;
@@ -154,7 +155,20 @@ Status readNumbers(MessageRecord& record, const MsgStorage& message) {
     return ternkit::kOk;
 }
 
-Status readMessage(MessageRecord& record, PstFilterData& filterData, const MsgStorage& message) {
+/// What the message's bodies turned out to be.
+std::uint32_t bodiesOf(const MessageRecord& record) {
+    std::uint32_t bodies = 0;
+    if (record.plainBody.textLength() != 0) {
+        bodies |= ternkit::kBatchBodyText;
+    }
+    if (record.body.data != nullptr) {
+        const std::string_view body(record.body.data, record.body.size);
+        bodies |= body.starts_with(kRtfLead) ? ternkit::kBatchBodyRtf : ternkit::kBatchBodyHtml;
+    }
+    return bodies;
+}
+
+Status readMessage(MessageRecord& record, PstFilterData* filterData, const MsgStorage& message, MessageFacts& facts) {
     Status status = ReadMsgRichBody(record, message);
     if (status != ternkit::kOk && status != ternkit::kAbsent) {
         return status;
@@ -166,6 +180,7 @@ Status readMessage(MessageRecord& record, PstFilterData& filterData, const MsgSt
     if (record.plainBody.data == nullptr && record.body.data == nullptr) {
         return ternkit::kUnusable;
     }
+    facts.bodies = bodiesOf(record);
     status = ReadMsgText(message, kSubject, record.subject);
     if (status == ternkit::kOk) {
         status = readSender(record, message);
@@ -174,11 +189,11 @@ Status readMessage(MessageRecord& record, PstFilterData& filterData, const MsgSt
         status = readRecipients(record, message);
     }
     if (status == ternkit::kOk) {
-        status = readNumbers(record, message);
+        status = readNumbers(record, message, facts);
     }
     // A record that is loaded again has its pictures on disk already.
-    if (status == ternkit::kOk && filterData.tempFiles.data == nullptr) {
-        const Status attachments = ReadMsgAttachments(record, filterData, message);
+    if (status == ternkit::kOk && filterData != nullptr && filterData->tempFiles.data == nullptr) {
+        const Status attachments = ReadMsgAttachments(record, *filterData, message);
         if (record.attachmentStatus == ternkit::kOk) {
             record.attachmentStatus = attachments;  // the message can be shown without them
         }
@@ -258,7 +273,7 @@ Status ReadMsgRichBody(MessageRecord& record, const MsgStorage& message) {
     return ternkit::kOk;
 }
 
-Status ReadMsgFile(MessageRecord& record, PstFilterData& filterData, const char16_t* path) {
+Status ReadMsgFile(MessageRecord& record, PstFilterData* filterData, const char16_t* path, MessageFacts* facts) {
     const OpenFile opened(path);
     if (opened.handle == ternkit::kInvalidHandle) {
         return ternkit::kMsgCannotOpen;
@@ -268,5 +283,6 @@ Status ReadMsgFile(MessageRecord& record, PstFilterData& filterData, const char1
     if (file.result != CompoundResult::Ok) {
         return ternkit::kOk;  // the empty record has nothing to show
     }
-    return readMessage(record, filterData, {file, file.findEntry("/")});
+    MessageFacts unasked;
+    return readMessage(record, filterData, {file, file.findEntry("/")}, facts != nullptr ? *facts : unasked);
 }

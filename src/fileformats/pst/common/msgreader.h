@@ -17,11 +17,12 @@ struct MsgStorage {
  * Reads the message and embeds the pictures that its body names.
  *
  * @param record an empty record, filled; empty also after a compound file that cannot be read, which is no failure here
- * @param filterData takes the temporary files of inline pictures
+ * @param filterData takes the temporary files of inline pictures; null leaves the pictures alone
  * @param path NUL-terminated path of the item
+ * @param facts receives the bodies and the sent time, unless it is null
  * @return 1; -14 when the file cannot be opened; -9 for a damaged rich body and for a message without any body; -1; -74
  */
-ternkit::Status ReadMsgFile(MessageRecord& record, PstFilterData& filterData, const char16_t* path);
+ternkit::Status ReadMsgFile(MessageRecord& record, PstFilterData* filterData, const char16_t* path, MessageFacts* facts);
 
 /**
  * Reads a text in UTF-16, which becomes UTF-8 with a closing NUL that the size counts; without one, an 8-bit text, which stays in

@@ -7,9 +7,10 @@
 #include <new>
 
 #include <ternkit/filter.h>
-#include "fileformats/pst/common/documentpasses.h"
-#include "fileformats/pst/common/mimeheader.h"
-#include "fileformats/pst/common/mimemessage.h"
+#include <ternkit/load_cache.h>
+#include "common/loadcache.h"
+#include "fileformats/pst/common/entrysteps.h"
+#include "fileformats/pst/common/mimedocument.h"
 #include "fileformats/pst/common/msgdocument.h"
 #include "fileformats/pst/common/storedocument.h"
 #include "ternbase/ternbase.h"
@@ -23,7 +24,7 @@ using ternkit::Status;
 
 namespace {
 
-constexpr std::uint32_t kOpenForReading = 256;
+constexpr std::int32_t kCachedPageSlot = 1;  // of a message out of the host's slot, whatever number the request names
 
 // Brackets a loader's work on a temporary file for the kernel.
 class LoadScope {
@@ -56,110 +57,45 @@ private:
     std::uint32_t m_active = 0;
 };
 
-class FileGuard {
-public:
-    explicit FileGuard(FileHandle handle) : m_handle(handle) {}
-    FileGuard(const FileGuard&) = delete;
-    FileGuard& operator=(const FileGuard&) = delete;
-    ~FileGuard() { close(); }
-
-    FileHandle handle() const { return m_handle; }
-
-    void close() {
-        if (m_handle != ternkit::kInvalidHandle) {
-            TbFileClose(m_handle);
-            m_handle = ternkit::kInvalidHandle;
-        }
-    }
-
-private:
-    FileHandle m_handle;
-};
-
-/// Tells the source kind by the file's first bytes. @return 1; -7 when there are too few
-Status sniff(FileHandle handle, std::uint32_t& source) {
-    static constexpr unsigned char kStore[] = {0x21, 0x42, 0x44, 0x4E};
-    static constexpr unsigned char kCompoundFile[] = {0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1};
-    unsigned char signature[kSignatureSize] = {};
-    TbFileSeek(handle, 0, kTbSeekStart);
-    if (TbFileRead(handle, signature, sizeof(signature)) != sizeof(signature)) {
-        return ternkit::kShortRead;
-    }
-    SourceKind kind = SourceKind::Eml;
-    if (std::memcmp(signature, kStore, sizeof(kStore)) == 0) {
-        kind = SourceKind::Pst;
-    } else if (std::memcmp(signature, kCompoundFile, sizeof(kCompoundFile)) == 0) {
-        kind = SourceKind::Msg;
-    }
-    source = static_cast<std::uint32_t>(kind);
-    return ternkit::kOk;
-}
-
-std::uint32_t documentFormat(BodyKind bodyKind, bool plainTextOnly) {
-    if (plainTextOnly) {
-        return ternkit::kFormatText;
-    }
-    switch (bodyKind) {
-        case BodyKind::Html:
-            return ternkit::kFormatHtml;
-        case BodyKind::Rtf:
-            return ternkit::kFormatRtf;
-        default:
-            return ternkit::kFormatText;
-    }
-}
-
-/// HTML travels through a temporary file when that is allowed; everything else goes from memory.
-bool travelsByFile(const PstFilterData& record) {
-    return record.documentFormat == ternkit::kFormatHtml && record.useTempFiles == 1;
-}
-
-Status writeHtmlFile(PstFilterData& record) {
-    const char16_t* directory = record.tempDirectory[0] != 0 ? record.tempDirectory : nullptr;
-    const Status status = TbTempName(directory, record.htmlPath, kPathUnits, 1, u"pst", u"html");
-    if (status != ternkit::kOk) {
-        return status;
-    }
-    ByteBuffer& document = record.document;
-    while (document.size != 0 && document.data[document.size - 1] == '\0') {
-        --document.size;
-    }
-    const FileHandle file = TbFileCreate(record.htmlPath, 0);
-    if (file == ternkit::kInvalidHandle) {
-        return TbMapError(ternkit::kCannotCreate);
-    }
-    const std::uint64_t written = document.size != 0 ? TbFileWrite(file, document.data, document.size, 0) : 0;
-    TbFileCreatedClose(file, 0);
-    return written == document.size ? ternkit::kOk : TbMapError(ternkit::kShortWrite);
-}
-
-/// Sniffs, dispatches, and writes the HTML file: what both entry points do before a loader is called.
+/// Dispatches and writes the HTML file: what both entry points do before a loader is called.
 Status prepareDocument(const char16_t* fileName, FileHandle handle, PstFilterData& record, std::uint32_t source,
                        std::int32_t& messageIndex, bool plainTextOnly) {
-    record.useTempFiles = TbLoadModeQuery() == kTbLoadModeMemoryOnly ? 0 : 1;
+    ChooseRoute(record);
     BodyKind bodyKind = BodyKind::None;
     const Status status = DispatchMessage(fileName, record, source, messageIndex, bodyKind, plainTextOnly, handle);
-    if (status != ternkit::kOk) {
-        return status;
-    }
-    record.sourceFormat = source;
-    // Known before the file is made, so that the file goes with the record whatever happens next.
-    record.documentFormat = documentFormat(bodyKind, plainTextOnly);
-    return travelsByFile(record) ? writeHtmlFile(record) : ternkit::kOk;
+    return status == ternkit::kOk ? FinishDocument(record, source, bodyKind, plainTextOnly) : status;
 }
 
-HostLoadOptions localOptions(const HostLoadOptions* options) {
+/// @param messageNumber 1-based; any number is taken
+std::int32_t messageIndexOf(std::int32_t messageNumber) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(messageNumber) - 1);
+}
+
+/// The place of a message's data in the host's slot; negative when it has none.
+std::int32_t pageSlotOf(std::int32_t messageIndex) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(messageIndex) + 1);
+}
+
+/// A copy of the caller's options, with what the loader asked to keep for this message.
+HostLoadOptions localOptions(const HostLoadOptions* options, const ternkit::LoadCacheSlot* slot, std::int32_t pageSlot) {
     HostLoadOptions local{};
     if (options != nullptr) {
         local = *options;
     }
     local.structSize = ternkit::kHostLoadOptionsSize;
+    ternkit::MultiLoadEntry kept{};
+    if (FindLoaderData(slot, pageSlot, &kept)) {
+        local.flags |= ternkit::kLoaderDataGiven;
+        local.filterData = kept.data;
+        local.filterDataSize = kept.dataSize;
+        local.filterDataTag = kept.dataTag;
+    }
     return local;
 }
 
 Status callInfoLoader(const FilterInfoRequest& request, PstFilterData& record, HostFileInfo& info, HostLoadOptions& options) {
     const std::uint32_t flags = request.cacheSlot == nullptr ? ternkit::kInfoWithoutCache : ternkit::kInfoWithCache;
-    if (travelsByFile(record)) {
+    if (TravelsByFile(record)) {
         LoadScope scope;
         scope.enter();
         const auto loader = request.loadInfoFromFile;
@@ -174,7 +110,7 @@ Status callInfoLoader(const FilterInfoRequest& request, PstFilterData& record, H
 
 Status callLoader(const FilterLoadRequest& request, PstFilterData& record, HostFileInfo& info, HostLoadOptions& options) {
     const bool alternative = request.targetObject != nullptr && request.targetObject->kind() == ternkit::kTargetKindAlternative;
-    if (travelsByFile(record)) {
+    if (TravelsByFile(record)) {
         LoadScope scope;
         scope.enter();
         if (alternative) {
@@ -199,6 +135,44 @@ Status callLoader(const FilterLoadRequest& request, PstFilterData& record, HostF
                                       ternkit::kLoadArgumentOne, ternkit::kLoadArgumentThirtyTwo, request.callback,
                                       request.userData, size, &options, &info)
                              : ternkit::kNullPointer;
+}
+
+/// Has the loader describe the document, and keeps its answer in the record and what it wants kept in the host's slot.
+Status describeDocument(FilterInfoRequest& request, PstFilterData& record, std::int32_t pageSlot) {
+    HostFileInfo info{};
+    info.loadFlags = ternkit::kInfoLoadFlags;
+    info.structSize = ternkit::kHostFileInfoSize;
+    info.format = record.documentFormat;
+    HostLoadOptions options = localOptions(request.options, request.cacheSlot, pageSlot);
+    const Status status = callInfoLoader(request, record, info, options);
+    if (status != ternkit::kOk) {
+        request.loaderStatus = status;
+        return ternkit::kLoaderFailed;
+    }
+    StoreInSlot(request.cacheSlot, pageSlot, info.loaderData, info.loaderDataSize, info.loaderDataTag);
+    record.pageCount = info.totalPages;
+    record.width = info.width;
+    record.height = info.height;
+    record.xResolution = info.xResolution;
+    record.yResolution = info.yResolution;
+    std::memcpy(record.pageValue, info.pageValue, sizeof(record.pageValue));
+    return ternkit::kOk;
+}
+
+/// Hands the document to the loader of the request. @return the loader's status
+Status loadDocument(FilterLoadRequest& request, PstFilterData& record, std::int32_t pageSlot) {
+    HostFileInfo info{};
+    if (request.fileInfo != nullptr) {
+        info = *request.fileInfo;
+    }
+    info.structSize = ternkit::kHostFileInfoSize;
+    info.format = record.documentFormat;
+    info.loadFlags &= ~ternkit::kLoadFlagClearedOnLoad;
+    HostLoadOptions options = localOptions(request.options, request.cacheSlot, pageSlot);
+    if (record.attachmentStatus != ternkit::kOk && request.resultStatus == ternkit::kOk) {
+        request.resultStatus = record.attachmentStatus;
+    }
+    return callLoader(request, record, info, options);
 }
 
 std::uint32_t scaled(std::uint32_t requested, std::uint32_t pixels, std::uint32_t resolution) {
@@ -249,28 +223,6 @@ void fillResult(FilterInfoRequest& request, PstFilterData& record, std::int32_t 
     std::memcpy(info.pageValue, record.pageValue, sizeof(record.pageValue));
 }
 
-/// The Internet-message branch.
-Status dispatchInternetMessage(PstFilterData& record, BodyKind& bodyKind, FileHandle fileHandle) {
-    MimeMessage message;
-    Status status = ParseMimeMessage(message, fileHandle, record);
-    if (status < ternkit::kOk) {
-        return status;
-    }
-    if (message.body.data == nullptr) {
-        return ternkit::kUnusable;
-    }
-    status = ComposeMimeHeader(message);
-    if (status != ternkit::kOk) {
-        return status;
-    }
-    CleanDocument(message.body.data, message.body.size);
-    bodyKind = message.bodyFormat;
-    message.body.giveTo(record.document);
-    InsertCharsetMeta(record.document);  // a document without the declaration is still a document
-    record.sourceKind = SourceKind::Eml;
-    return ternkit::kOk;
-}
-
 }  // namespace
 
 Status DispatchMessage(const char16_t* fileName, PstFilterData& record, std::uint32_t& source, std::int32_t& messageIndex,
@@ -286,7 +238,7 @@ Status DispatchMessage(const char16_t* fileName, PstFilterData& record, std::uin
                 return DispatchMsgMessage(fileName, record, bodyKind, plainTextOnly);
             case SourceKind::Eml:
                 source = ternkit::kFormatEml;
-                return dispatchInternetMessage(record, bodyKind, fileHandle);
+                return DispatchMimeMessage(record, bodyKind, fileHandle);
             default:
                 return ternkit::kUnusable;
         }
@@ -302,36 +254,36 @@ extern "C" Status fltInfo(FilterInfoRequest* request) {
         return ternkit::kBadArgument;
     }
     std::uint32_t source = 0;
-    Status status = sniff(request->fileHandle, source);
+    Status status = SniffSource(request->fileHandle, source);
     if (status != ternkit::kOk) {
         return status;
+    }
+    std::int32_t messageIndex = messageIndexOf(request->messageNumber);
+    PstFilterData* cached = nullptr;
+    if (FindFilterData(request->cacheSlot, &cached) == ternkit::kOk) {
+        if (static_cast<std::uint32_t>(cached->sourceKind) != source) {
+            return ternkit::kUnusable;
+        }
+        fillResult(*request, *cached, messageIndex);
+        return ternkit::kOk;
     }
     PstFilterData* record = MakeFilterData();
     if (record == nullptr) {
         return ternkit::kNoMemory;
     }
-    const FilterDataGuard guard(record);
-    std::int32_t messageIndex = static_cast<std::int32_t>(static_cast<std::uint32_t>(request->messageNumber) - 1);
+    FilterDataGuard guard(record);
     status = prepareDocument(request->fileName, request->fileHandle, *record, source, messageIndex, request->plainTextOnly == 1);
     if (status != ternkit::kOk) {
         return status;
     }
-    HostFileInfo info{};
-    info.loadFlags = ternkit::kInfoLoadFlags;
-    info.structSize = ternkit::kHostFileInfoSize;
-    info.format = record->documentFormat;
-    HostLoadOptions options = localOptions(request->options);
-    status = callInfoLoader(*request, *record, info, options);
+    status = describeDocument(*request, *record, pageSlotOf(messageIndex));
     if (status != ternkit::kOk) {
-        request->loaderStatus = status;
-        return ternkit::kLoaderFailed;
+        return status;
     }
-    record->pageCount = info.totalPages;
-    record->width = info.width;
-    record->height = info.height;
-    record->xResolution = info.xResolution;
-    record->yResolution = info.yResolution;
-    std::memcpy(record->pageValue, info.pageValue, sizeof(record->pageValue));
+    // A record that the slot cannot take dies with the call.
+    if (StoreInSlot(request->cacheSlot, ternkit::kFilterDataEntry, record, 0, ternkit::kDefaultDataTag) == ternkit::kOk) {
+        guard.release();
+    }
     fillResult(*request, *record, messageIndex);
     return ternkit::kOk;
 }
@@ -340,12 +292,16 @@ extern "C" Status fltLoad(FilterLoadRequest* request) {
     if (request == nullptr) {
         return ternkit::kBadArgument;
     }
+    PstFilterData* cached = nullptr;
+    if (FindFilterData(request->cacheSlot, &cached) == ternkit::kOk) {
+        return loadDocument(*request, *cached, kCachedPageSlot);
+    }
     FileGuard file(TbFileOpen(request->fileName, 0, kOpenForReading));
     if (file.handle() == ternkit::kInvalidHandle) {
         return ternkit::kCannotOpen;
     }
     std::uint32_t source = 0;
-    Status status = sniff(file.handle(), source);
+    Status status = SniffSource(file.handle(), source);
     if (status != ternkit::kOk) {
         return status;
     }
@@ -354,24 +310,13 @@ extern "C" Status fltLoad(FilterLoadRequest* request) {
         return ternkit::kNoMemory;
     }
     const FilterDataGuard guard(record);
-    std::int32_t messageIndex = static_cast<std::int32_t>(static_cast<std::uint32_t>(request->messageNumber) - 1);
+    std::int32_t messageIndex = messageIndexOf(request->messageNumber);
     status = prepareDocument(request->fileName, file.handle(), *record, source, messageIndex, request->plainTextOnly == 1);
     if (status != ternkit::kOk) {
         return status;
     }
     file.close();
-    HostFileInfo info{};
-    if (request->fileInfo != nullptr) {
-        info = *request->fileInfo;
-    }
-    info.structSize = ternkit::kHostFileInfoSize;
-    info.format = record->documentFormat;
-    info.loadFlags &= ~ternkit::kLoadFlagClearedOnLoad;
-    HostLoadOptions options = localOptions(request->options);
-    if (record->attachmentStatus != ternkit::kOk && request->resultStatus == ternkit::kOk) {
-        request->resultStatus = record->attachmentStatus;
-    }
-    return callLoader(*request, *record, info, options);
+    return loadDocument(*request, *record, pageSlotOf(messageIndex));
 }
 
 extern "C" Status fltFreeData(void* data, std::int32_t keep) {

@@ -4,9 +4,6 @@
 #include <ternkit/records.h>
 #include "common/filterdata.h"
 
-/// Bytes that tell what kind of file it is; a shorter file is refused.
-inline constexpr std::uint32_t kSignatureSize = 12;
-
 /**
  * Builds the document of one message.
  *

@@ -51,6 +51,20 @@ Status makeRichDocument(MessageRecord& message, BodyKind bodyKind, ByteBuffer& d
 
 }  // namespace
 
+Status MakeStoreDocument(MessageRecord& message, BodyKind& bodyKind, bool plainTextOnly, PstFilterData& record) {
+    Status status = ternkit::kOk;
+    if (plainTextOnly) {
+        bodyKind = BodyKind::Plain;
+        status = makeTextDocument(message, record.document);
+    } else {
+        status = makeRichDocument(message, bodyKind, record.document);
+    }
+    if (status == ternkit::kOk) {
+        record.sourceKind = SourceKind::Pst;
+    }
+    return status;
+}
+
 Status DispatchStoreMessage(const char16_t* fileName, PstFilterData& record, std::int32_t& messageIndex, BodyKind& bodyKind,
                             bool plainTextOnly) {
     const pstsdk::shared_db_ptr db = pstsdk::open_database(fileName);
@@ -65,15 +79,5 @@ Status DispatchStoreMessage(const char16_t* fileName, PstFilterData& record, std
     if (status != ternkit::kOk) {
         return status;
     }
-    MessageRecord& message = table->records[messageIndex];
-    if (plainTextOnly) {
-        bodyKind = BodyKind::Plain;
-        status = makeTextDocument(message, record.document);
-    } else {
-        status = makeRichDocument(message, bodyKind, record.document);
-    }
-    if (status == ternkit::kOk) {
-        record.sourceKind = SourceKind::Pst;
-    }
-    return status;
+    return MakeStoreDocument(table->records[messageIndex], bodyKind, plainTextOnly, record);
 }

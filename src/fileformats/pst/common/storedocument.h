@@ -4,6 +4,17 @@
 #include <cstdint>
 
 #include "common/filterdata.h"
+#include "fileformats/pst/common/messagerecord.h"
+
+/**
+ * Composes the document of a message that has been read.
+ *
+ * @param message its bodies are changed on the way
+ * @param bodyKind in and out: the kind of the last body found, then the document's
+ * @param plainTextOnly makes a UTF-16 text document of the plain body
+ * @return 1; -9 for a message with nothing to show; -1
+ */
+ternkit::Status MakeStoreDocument(MessageRecord& message, BodyKind& bodyKind, bool plainTextOnly, PstFilterData& record);
 
 /**
  * Opens a store, reaches the wanted message, and composes its document into the record.

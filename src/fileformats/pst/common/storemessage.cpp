@@ -14,6 +14,7 @@
 #include "fileformats/pst/common/inlineimages.h"
 #include "pstsdk/properties.h"
 #include "pstsdk/streams.h"
+#include "pstsdk/tables.h"
 #include "ternbase/ternbase.h"
 
 TB_SOURCE(u"src/fileformats/pst/common/pst")
@@ -33,6 +34,7 @@ constexpr prop_id kDisplayCc = 0x0E03;
 constexpr prop_id kDisplayBcc = 0x0E02;
 constexpr prop_id kClientSubmitTime = 0x0039;
 constexpr prop_id kImportance = 0x0017;
+constexpr prop_id kMessageSize = 0x0E08;
 constexpr prop_id kBody = 0x1000;
 constexpr prop_id kHtml = 0x1013;
 constexpr prop_id kRtfCompressed = 0x1009;
@@ -107,11 +109,6 @@ private:
     std::uint32_t m_size = 0;
 };
 
-Status readBody(const property_bag& bag, prop_id id, MessageRole role, OwnedBytes& target) {
-    ValueStream value(bag, id);
-    return role == MessageRole::Target ? value.readInto(target) : value.pass();
-}
-
 // The attachment table of a message, if it has one.
 class Attachments {
 public:
@@ -177,81 +174,173 @@ Status embedAttachments(const Attachments& attachments, OwnedBytes& body, PstFil
     return status >= ternkit::kOk ? finished : status;
 }
 
-void fillHeaderFields(const property_bag& bag, const std::u16string& subject, MessageRecord& record) {
-    // A field that cannot be filled stays empty: the message is shown without it.
-    SetUtf8Field(record.subject, subject);
-    CopyPropertyToField(bag, record.senderName, kSenderName);
-    CopyPropertyToField(bag, record.displayTo, kDisplayTo);
-    CopyPropertyToField(bag, record.displayCc, kDisplayCc);
-    CopyPropertyToField(bag, record.displayBcc, kDisplayBcc);
-    if (bag.has_prop(kClientSubmitTime)) {
-        const std::vector<pstsdk::byte> time = bag.read_bytes(kClientSubmitTime);
-        if (time.size() == kFileTimeSize) {
-            FormatSentTime(time.data(), record.sentTime);
+// What a message is read for.
+enum class MessageRole { InFront, Summary, Target };
+
+// One reading of a message. A message in front has no record.
+class MessageReader {
+public:
+    MessageReader(const StoreMessage& message, MessageRole role, MessageRecord* record, BodyKind& bodyKind, MessageFacts* facts)
+        : m_budget(message.db->budget()),
+          m_bag(pstsdk::node(message.db, message.info)),
+          m_role(role),
+          m_record(record),
+          m_bodyKind(bodyKind),
+          m_facts(facts) {}
+
+    Status run(PstFilterData* filterData) {
+        const std::u16string subject = readSubject(m_bag);
+        if (subject == kFreeBusySubject) {
+            return ternkit::kAbsent;
+        }
+        if (m_record != nullptr) {
+            m_record->body.size = 0;
+            m_record->plainBody.size = 0;
+            fillHeaderFields(subject);
+        }
+        const Status status = readBodies(filterData);
+        if (m_facts != nullptr) {
+            readStoredSize();
+        }
+        return status;
+    }
+
+private:
+    void fillHeaderFields(const std::u16string& subject) {
+        const pstsdk::tentative_reading tentative(m_budget);
+        // A field that cannot be filled stays empty: the message is shown without it.
+        SetUtf8Field(m_record->subject, subject);
+        CopyPropertyToField(m_bag, m_record->senderName, kSenderName);
+        CopyPropertyToField(m_bag, m_record->displayTo, kDisplayTo);
+        CopyPropertyToField(m_bag, m_record->displayCc, kDisplayCc);
+        CopyPropertyToField(m_bag, m_record->displayBcc, kDisplayBcc);
+        if (m_bag.has_prop(kClientSubmitTime)) {
+            const std::vector<pstsdk::byte> time = m_bag.read_bytes(kClientSubmitTime);
+            if (time.size() == kFileTimeSize) {
+                takeSentTime(time.data());
+            }
+        }
+        if (m_bag.has_prop(kImportance)) {
+            SetImportanceText(m_bag.read_4(kImportance), m_record->importanceText);
         }
     }
-    if (bag.has_prop(kImportance)) {
-        SetImportanceText(bag.read_4(kImportance), record.importanceText);
-    }
-}
 
-Status readHtmlBody(const property_bag& bag, MessageRole role, MessageRecord& record, PstFilterData& filterData) {
-    const Status status = readBody(bag, kHtml, role, record.body);
-    if (status != ternkit::kOk) {
-        return status;
+    void takeSentTime(const std::uint8_t* fileTime) {
+        FormatSentTime(fileTime, m_record->sentTime);
+        if (m_facts != nullptr) {
+            m_facts->sentTime = SentSeconds(fileTime).value_or(m_facts->sentTime);
+        }
     }
-    const Attachments attachments(bag.get_node());
-    return attachments.count() != 0 && role == MessageRole::Target ? embedAttachments(attachments, record.body, filterData)
-                                                                   : ternkit::kOk;
-}
 
-Status readRtfBody(const property_bag& bag, MessageRole role, MessageRecord& record) {
-    OwnedBytes block;
-    const Status status = ValueStream(bag, kRtfCompressed).readInto(block);
-    if (status != ternkit::kOk) {
-        return status;
+    // The bodies are no alternatives: the last one found decides what the document is made of.
+    Status readBodies(PstFilterData* filterData) {
+        if (findBody(kBody, BodyKind::Plain, ternkit::kBatchBodyText)) {
+            if (m_record != nullptr) {
+                m_record->plainBodyType = m_bag.prop_type(kBody);
+            }
+            const Status status = readBody(kBody, m_record != nullptr ? &m_record->plainBody : nullptr);
+            if (status != ternkit::kOk) {
+                return status;
+            }
+        }
+        if (findBody(kHtml, BodyKind::Html, ternkit::kBatchBodyHtml)) {
+            const Status status = readHtmlBody(filterData);
+            if (status < ternkit::kOk) {
+                return status;
+            }
+        }
+        return findBody(kRtfCompressed, BodyKind::Rtf, ternkit::kBatchBodyRtf) ? readRtfBody() : ternkit::kOk;
     }
-    return role == MessageRole::Target ? ExpandStoreRtf(block, record) : CheckStoreRtf(block);
-}
+
+    bool findBody(prop_id id, BodyKind kind, std::uint32_t body) {
+        if (!m_bag.has_prop(id)) {
+            return false;
+        }
+        m_bodyKind = kind;
+        if (m_facts != nullptr) {
+            m_facts->bodies |= body;
+        }
+        return true;
+    }
+
+    Status readBody(prop_id id, OwnedBytes* target) {
+        ValueStream value(m_bag, id);
+        noteBody(value.size());
+        if (m_role == MessageRole::Target) {
+            return value.readInto(*target);
+        }
+        if (target != nullptr && target->ensure(0) != ternkit::kOk) {
+            return ternkit::kNoMemory;
+        }
+        return value.pass();
+    }
+
+    void noteBody(std::uint64_t size) {
+        if (m_facts != nullptr) {
+            m_facts->bodyBytes += size;
+        }
+    }
+
+    Status readHtmlBody(PstFilterData* filterData) {
+        const Status status = readBody(kHtml, m_record != nullptr ? &m_record->body : nullptr);
+        if (status != ternkit::kOk) {
+            return status;
+        }
+        const Attachments attachments(m_bag.get_node());
+        if (attachments.count() == 0 || m_role != MessageRole::Target) {
+            return ternkit::kOk;
+        }
+        const pstsdk::tentative_reading tentative(m_budget);
+        return embedAttachments(attachments, m_record->body, *filterData);
+    }
+
+    Status readRtfBody() {
+        OwnedBytes block;
+        const Status status = ValueStream(m_bag, kRtfCompressed).readInto(block);
+        if (status != ternkit::kOk) {
+            return status;
+        }
+        noteBody(block.size);
+        if (m_role == MessageRole::Target) {
+            return ExpandStoreRtf(block, *m_record);
+        }
+        const Status usable = CheckStoreRtf(block);
+        return usable == ternkit::kOk && m_record != nullptr ? m_record->body.ensure(0) : usable;
+    }
+
+    /// The message's size as the store tells it. What is damaged here is no failure of the message.
+    void readStoredSize() {
+        const pstsdk::tentative_reading tentative(m_budget);
+        try {
+            if (m_bag.has_prop(kMessageSize)) {
+                m_facts->storedSize = m_bag.read_4(kMessageSize);
+            }
+        } catch (const std::exception&) {
+            m_facts->storedSize.reset();
+        }
+    }
+
+    pstsdk::store_budget& m_budget;
+    const property_bag m_bag;
+    MessageRole m_role;
+    MessageRecord* m_record;
+    BodyKind& m_bodyKind;
+    MessageFacts* m_facts;
+};
 
 }  // namespace
 
-Status ExtractStoreMessage(const StoreRow& row, MessageRecord& record, BodyKind& bodyKind, MessageRole role,
-                           PstFilterData& filterData) {
-    const property_bag bag(row.db->lookup_node(row.row.get_row_id()));
-    const std::u16string subject = readSubject(bag);
-    if (subject == kFreeBusySubject) {
-        return ternkit::kAbsent;
-    }
-    record.body.size = 0;
-    record.plainBody.size = 0;
-    if (role == MessageRole::Target) {
-        fillHeaderFields(bag, subject, record);
-    }
-    // The bodies are no alternatives: the last one found decides what the document is made of.
-    if (bag.has_prop(kBody)) {
-        bodyKind = BodyKind::Plain;
-        record.plainBodyType = bag.prop_type(kBody);
-        const Status status = readBody(bag, kBody, role, record.plainBody);
-        if (status != ternkit::kOk) {
-            return status;
-        }
-    }
-    if (bag.has_prop(kHtml)) {
-        bodyKind = BodyKind::Html;
-        const Status status = readHtmlBody(bag, role, record, filterData);
-        if (status < ternkit::kOk) {
-            return status;
-        }
-    }
-    if (bag.has_prop(kRtfCompressed)) {
-        bodyKind = BodyKind::Rtf;
-        const Status status = readRtfBody(bag, role, record);
-        if (status != ternkit::kOk) {
-            return status;
-        }
-    }
-    return ternkit::kOk;
+Status ExtractStoreMessage(const StoreMessage& message, MessageRecord& record, BodyKind& bodyKind, PstFilterData& filterData,
+                           MessageFacts* facts) {
+    return MessageReader(message, MessageRole::Target, &record, bodyKind, facts).run(&filterData);
+}
+
+Status SummarizeStoreMessage(const StoreMessage& message, MessageRecord& record, BodyKind& bodyKind, MessageFacts& facts) {
+    return MessageReader(message, MessageRole::Summary, &record, bodyKind, &facts).run(nullptr);
+}
+
+Status PassStoreMessage(const StoreMessage& message, BodyKind& bodyKind) {
+    return MessageReader(message, MessageRole::InFront, nullptr, bodyKind, nullptr).run(nullptr);
 }
 
 Status CopyPropertyToField(const pstsdk::const_property_object& bag, OwnedBytes& field, prop_id tag) {
@@ -271,16 +360,20 @@ Status SetUtf8Field(OwnedBytes& field, std::u16string_view text) {
     return ternkit::kOk;
 }
 
-Status FormatSentTime(const std::uint8_t* bytes, OwnedBytes& field) {
+std::optional<std::int64_t> SentSeconds(const std::uint8_t* bytes) {
     std::uint64_t fileTime = 0;
     for (std::size_t at = kFileTimeSize; at-- > 0;) {
         fileTime = fileTime << 8 | bytes[at];
     }
     const std::int64_t seconds =
         static_cast<std::int64_t>(fileTime - static_cast<std::uint64_t>(kUnixEpochAsFileTime)) / kFileTimePerSecond;
-    const std::time_t time = seconds;
+    return seconds >= 0 && seconds < kCalendarEnd ? std::optional(seconds) : std::nullopt;
+}
+
+Status FormatSentTime(const std::uint8_t* bytes, OwnedBytes& field) {
+    const std::time_t time = SentSeconds(bytes).value_or(-1);
     std::tm local{};
-    if (seconds < 0 || seconds >= kCalendarEnd || localtime_r(&time, &local) == nullptr) {
+    if (time < 0 || localtime_r(&time, &local) == nullptr) {
         return ternkit::kOk;
     }
     char text[100];

@@ -1,10 +1,10 @@
-// What travels between a process that needs a document laid out and the office process.
+// What travels between a process that needs a document laid out and a service process that does it.
 //
-// Every document has a stream socket of its own. The asker makes a pair, sends one end through the office's gate (a socket that
-// all askers share, and in which ends queue until an office process takes them), writes one message, and reads one. A message is
+// Every document has a stream socket of its own. The asker makes a pair, sends one end through the service's gate (a socket that
+// all askers share, and in which ends queue until a service process takes them), writes one message, and reads one. A message is
 // an output in the frames of frames.h: an opening frame that says what it is, data, an end.
 //
-//   request   kDocument, label "pdf SECONDS" or "text SECONDS": the RTF, and how long its conversion may take
+//   request   kDocument with a label that the service understands: the document
 //   answer    kPdf or kDocument: what became of it; or kResult: a sentence on why nothing did
 #pragma once
 
@@ -17,12 +17,9 @@
 
 namespace ternview {
 
-/// The office process's own font configuration, in its private directory.
-inline constexpr char kOfficeFonts[] = "fonts.conf";
+inline constexpr std::size_t kLargestServiceMessage = std::size_t{512} << 20;
 
-inline constexpr std::size_t kLargestOfficeMessage = std::size_t{512} << 20;
-
-struct OfficeMessage {
+struct ServiceMessage {
     FrameKind kind;
     std::string label;
     std::string bytes;
@@ -30,7 +27,7 @@ struct OfficeMessage {
 
 /// Reads one message. Blocks, for each read as long as the socket's receive timeout says.
 /// @return nothing when the other end went away, said nothing for too long, or sent what is no message
-std::optional<OfficeMessage> readOfficeMessage(int socket);
+std::optional<ServiceMessage> readServiceMessage(int socket);
 
 /// Sends a descriptor through the gate.
 bool sendThroughGate(int gate, int descriptor);

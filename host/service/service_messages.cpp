@@ -1,4 +1,4 @@
-#include "office_messages.h"
+#include "service_messages.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -29,14 +29,14 @@ public:
         if (frame.kind == FrameKind::kEnd) {
             return true;
         }
-        if (frame.kind != FrameKind::kData || frame.payload.size() > kLargestOfficeMessage - message.bytes.size()) {
+        if (frame.kind != FrameKind::kData || frame.payload.size() > kLargestServiceMessage - message.bytes.size()) {
             throw std::runtime_error("no message");
         }
         message.bytes += frame.payload;
         return false;
     }
 
-    OfficeMessage message{};
+    ServiceMessage message{};
 
 private:
     bool isOpen_ = false;
@@ -60,7 +60,7 @@ msghdr gateMessage(iovec& content, Ancillary& ancillary) {
 
 }  // namespace
 
-std::optional<OfficeMessage> readOfficeMessage(int socket) {
+std::optional<ServiceMessage> readServiceMessage(int socket) {
     FrameParser parser;
     Assembler assembler;
     std::array<char, 65536> chunk;

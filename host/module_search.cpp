@@ -1,0 +1,23 @@
+#include "module_search.h"
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace ternview {
+
+std::vector<std::string> libraryCandidates(const std::string& library, const char* variable) {
+    if (const char* named = std::getenv(variable); named != nullptr && *named != '\0') {
+        return {named};
+    }
+    std::vector<std::string> candidates;
+    std::error_code error;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (!error) {
+        for (const char* directory : {"../lib", TERNVIEW_MODULE_DIRECTORY}) {
+            candidates.push_back((program.parent_path() / directory / library).lexically_normal().string());
+        }
+    }
+    return candidates;
+}
+
+}  // namespace ternview

@@ -1,0 +1,12 @@
+// What the program and the office process agree on, beside the messages of a service.
+//
+//   request   label "pdf SECONDS", "text SECONDS" or "html SECONDS": the RTF, and how long its conversion may take
+//   answer    kPdf or kDocument: what became of it; or kResult: a sentence on why nothing did
+#pragma once
+
+namespace ternview {
+
+/// The office process's own font configuration, in its private directory.
+inline constexpr char kOfficeFonts[] = "fonts.conf";
+
+}  // namespace ternview

@@ -1,0 +1,25 @@
+// Writes an Internet message anew, in the form that the filter reads. Mail as it really is may have bare line feeds, no
+// Content-Type, parameters without their quotes, empty parts, or its text in a kind of part that the filter does not know.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace ternview {
+
+struct CanonicalMessage {
+    std::string bytes;
+    bool hasText = true;  // false: the message has none, and says so in its place
+};
+
+/**
+ * Reads a message leniently and writes its header fields, its texts (the HTML one of alternatives; several behind each other as
+ * one) and its pictures as one message with CR LF line ends, in UTF-8. Attachments are left out.
+ *
+ * @param message the message as it came
+ * @return nothing when there is no header field in it that a mail has
+ */
+std::optional<CanonicalMessage> canonicalMessage(std::string_view message);
+
+}  // namespace ternview

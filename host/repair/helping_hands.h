@@ -1,0 +1,38 @@
+// What the host does so that a person who opens a mail sees it, where the filter, which keeps its rules to the letter, refuses
+// it.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "filter_module.h"
+#include "job.h"
+
+namespace ternview {
+
+/// Shows one message of a file by the filter alone.
+using ShowMessage = std::function<JobResult(const MailFile& file, const Job& job)>;
+
+/**
+ * Shows a message, with help where it is needed: one of several in mbox form is taken out of its file, an Internet message that
+ * is refused is written anew, another one is asked for as plain text. The result tells what was done; without any success it is
+ * that of the first attempt.
+ *
+ * @param show may be called several times, until it gives something to show
+ */
+JobResult showWithHelp(const MailFile& file, const Job& job, const ShowMessage& show);
+
+/// An Internet message that was refused, in a form that the filter reads.
+struct CorrectedCopy {
+    std::string bytes;
+    Help help;  // what was done
+};
+
+/// @param result of the message as it came @return nothing when it was not refused, or there is no mail in it
+std::optional<CorrectedCopy> correctedCopy(const MailFile& file, const JobResult& result);
+
+/// True for a message of which the filter has made no document.
+bool isRefused(const JobResult& result);
+
+}  // namespace ternview

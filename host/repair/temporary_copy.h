@@ -1,0 +1,24 @@
+// A message in a file of its own, for the filter, which opens files only.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace ternview {
+
+/// Lies in the private directory that a process for strangers' mail is given ($XDG_RUNTIME_DIR), and goes with the object.
+class TemporaryCopy {
+public:
+    /// @throws JobError when it cannot be written
+    explicit TemporaryCopy(std::string_view bytes);
+    ~TemporaryCopy();
+    TemporaryCopy(const TemporaryCopy&) = delete;
+    TemporaryCopy& operator=(const TemporaryCopy&) = delete;
+
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+}  // namespace ternview

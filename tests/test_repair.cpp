@@ -1,0 +1,226 @@
+// What the host does for mail that the filter refuses: the document that comes of it, and what the person is told.
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "store_builder.h"
+#include "ternview_program.h"
+
+namespace {
+
+using nlohmann::json;
+
+constexpr char kPicture[] = "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAIAAACQd1PeAAAADElEQVR4nGP4z8AAAAMBAQDJ/pLvAAAAAElFTkSuQmCC";
+
+std::string withLineFeeds(std::string text) {
+    std::erase(text, '\r');
+    return text;
+}
+
+std::string header(const std::string& subject) {
+    return "From: Anna <anna@example.org>\r\nTo: Bob <bob@example.org>\r\nSubject: " + subject + "\r\nMIME-Version: 1.0\r\n";
+}
+
+class Repair : public TernviewProgram {};
+
+struct RefusedCase {
+    const char* name;
+    std::string message;
+    std::vector<std::string> shown;   // in the document
+    std::vector<std::string> hidden;  // not in the document
+    const char* note;
+};
+
+constexpr char kCorrectedNote[] = "a corrected copy of it is shown";
+constexpr char kNoTextNote[] = "the message has no text; its header lines are shown";
+
+std::vector<RefusedCase> refusedMessages() {
+    const std::string alternative =
+        header("Lunch") +
+        "Content-Type: multipart/alternative; boundary=\"b\"\r\n\r\n--b\r\nContent-Type: text/plain\r\n\r\nplain noon\r\n"
+        "--b\r\nContent-Type: text/html; charset=utf-8\r\n\r\n<p>rich noon</p>\r\n--b--\r\n";
+    return {
+        {"bare line feeds",
+         withLineFeeds(alternative),
+         {"Lunch", "anna@example.org", "<p>rich noon</p>"},
+         {"plain noon"},
+         kCorrectedNote},
+        {"no Content-Type",
+         "From: Anna <anna@example.org>\r\nSubject: Lunch\r\n\r\nSee you.\r\n",
+         {"Lunch", "See you."},
+         {},
+         kCorrectedNote},
+        {"unquoted boundary",
+         header("Lunch") +
+             "Content-Type: multipart/mixed; boundary=b; x=y\r\n\r\n--b\r\nContent-Type: text/plain\r\n\r\nSee you.\r\n--b--\r\n",
+         {"See you."},
+         {},
+         kCorrectedNote},
+        {"empty attachment",
+         header("Lunch") +
+             "Content-Type: multipart/mixed; boundary=\"b\"\r\n\r\n--b\r\nContent-Type: text/plain\r\n\r\nSee you.\r\n--b\r\n"
+             "Content-Type: application/pdf; name=\"x.pdf\"\r\nContent-Transfer-Encoding: base64\r\n\r\n\r\n--b--\r\n",
+         {"See you."},
+         {},
+         kCorrectedNote},
+        {"report",
+         header("Failed") +
+             "Content-Type: multipart/report; boundary=\"b\"\r\n\r\n--b\r\nContent-Type: message/delivery-status\r\n\r\n"
+             "Reporting-MTA: dns; example.org\r\n\r\nFinal-Recipient: rfc822; bob@example.org\r\n\r\n--b--\r\n",
+         {"Failed", "Final-Recipient: rfc822; bob@example.org"},
+         {},
+         kCorrectedNote},
+        {"attached message only",
+         header("Forward") +
+             "Content-Type: multipart/mixed; boundary=\"b\"\r\n\r\n--b\r\nContent-Type: message/rfc822\r\n\r\n"
+             "From: Carl <carl@example.org>\r\nSubject: Inner\r\nContent-Type: text/plain\r\n\r\ninner text\r\n--b--\r\n",
+         {"Forward", "inner text"},
+         {},
+         kCorrectedNote},
+        {"no text at all",
+         header("Picture") + "Content-Type: multipart/mixed; boundary=\"b\"\r\n\r\n--b\r\nContent-Type: application/pdf\r\n"
+                             "Content-Transfer-Encoding: base64\r\n\r\nJVBERi0=\r\n--b--\r\n",
+         {"Picture", "anna@example.org", "(This message has no text.)"},
+         {},
+         kNoTextNote},
+        {"several texts, and a charset",
+         withLineFeeds(
+             header("Both") +
+             "Content-Type: multipart/mixed; boundary=\"b\"\r\n\r\n--b\r\nContent-Type: text/plain; charset=windows-1251\r\n\r\n"
+             "\xCF\xF0\xE8\xE2\xE5\xF2 <1>\r\n--b\r\nContent-Type: text/html\r\n\r\n"
+             "<meta charset=\"iso-8859-2\"><p>za\xBF\xF3\xB3\xE6</p>\r\n--b--\r\n"),
+         {"Привет &lt;1&gt;", "<meta charset=\"utf-8\">", "<p>zażółć</p>"},
+         {"iso-8859-2"},
+         kCorrectedNote},
+        {"eight-bit header field",
+         "From: J\xC3\xBCrgen <j@example.org>\nSubject: =?utf-8?Q?Gr=C3=BC=C3=9Fe?= an\n alle\n\nHallo.\n",
+         {"Jürgen <j@example.org>", "Grüße an alle", "Hallo."},
+         {},
+         kCorrectedNote},
+    };
+}
+
+TEST_F(Repair, RefusedInternetMessagesAreShown) {
+    for (const RefusedCase& refused : refusedMessages()) {
+        SCOPED_TRACE(refused.name);
+        write("mail.eml", refused.message);
+        const Outcome strict = run("document mail.eml --strict");
+        EXPECT_EQ(strict.exitCode, 1) << "the filter reads it, so the case proves nothing";
+        EXPECT_EQ(strict.out, "");
+
+        const Outcome outcome = run("document mail.eml");
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+        for (const std::string& text : refused.shown) {
+            EXPECT_NE(outcome.out.find(text), std::string::npos) << text << " is missing in\n" << outcome.out;
+        }
+        for (const std::string& text : refused.hidden) {
+            EXPECT_EQ(outcome.out.find(text), std::string::npos) << text << " stands in\n" << outcome.out;
+        }
+        EXPECT_NE(outcome.err.find(refused.note), std::string::npos) << outcome.err;
+        EXPECT_EQ(run("document mail.eml --quiet").err, "");
+    }
+}
+
+TEST_F(Repair, PicturesOfARefusedMessageTravelWithIt) {
+    const std::string parts = std::string(
+                                  "--b\r\nContent-Type: image/jpeg; name=\"dot\"\r\nContent-Transfer-Encoding: base64\r\n"
+                                  "Content-ID: <dot@example.org>\r\n\r\n") +
+                              kPicture +
+                              "\r\n--b\r\nContent-Type: text/html\r\n\r\n<img src=\"cid:dot@example.org\">\r\n--b--\r\n";
+    write("mail.eml", withLineFeeds(header("Dot") + "Content-Type: multipart/related; boundary=b\r\n\r\n" + parts));
+    const Outcome outcome = run("document mail.eml --temp-files -o out --json");
+    ASSERT_EQ(outcome.exitCode, 0) << outcome.err;
+    const json object = json::parse(outcome.out);
+    EXPECT_EQ(object["helps"], json({"corrected"}));
+    ASSERT_EQ(object["tempFiles"].size(), 2U);
+    EXPECT_EQ(readFile(work("out") / object["tempFiles"][1]["name"].get<std::string>()).substr(1, 3), "PNG");
+}
+
+TEST_F(Repair, WhatIsNoMailStaysRefused) {
+    write("noise.eml", std::string(4096, '\x01') + "\n\nFrom nowhere 10:20 2024\n");
+    write("text.eml", "Just a text.\n\nIt has lines, and nothing of a mail.\n");
+    for (const char* name : {"noise.eml", "text.eml"}) {
+        const Outcome outcome = run(std::string("info ") + name);
+        EXPECT_EQ(outcome.exitCode, 1);
+        EXPECT_NE(outcome.err.find("this is no mail"), std::string::npos) << outcome.err;
+    }
+}
+
+TEST_F(Repair, AStoresPlainTextStandsIn) {
+    builder::StoreBuilder store(builder::Layout::Unicode, builder::Encoding::Permutative);
+    store.addFolder("Inbox").addMessage({.subject = "Plain", .plainBody = "only plain text"});
+    const auto bytes = store.bytes();
+    write("mail.pst", {bytes.begin(), bytes.end()});
+    EXPECT_EQ(run("info mail.pst --strict").exitCode, 1);
+    const Outcome outcome = run("document mail.pst");
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    EXPECT_EQ(outcome.out, run("document mail.pst --plain-text --strict").out);
+    EXPECT_NE(outcome.err.find("its plain text is shown"), std::string::npos) << outcome.err;
+
+    EXPECT_EQ(run("export mail.pst -o out --format txt --quiet").exitCode, 0);
+    bool isExported = false;
+    for (const std::string& name : files(work("out"))) {
+        isExported = isExported || readFile(work("out") / name).find("only plain text") != std::string::npos;
+    }
+    EXPECT_TRUE(isExported);
+}
+
+TEST_F(Repair, AnMboxIsShownMessageByMessage) {
+    const std::string first = "From anna@example.org Tue Mar  5 09:07:00 2024\n" + withLineFeeds(header("One")) +
+                              "Content-Type: text/plain\n\nfirst\n>From here on\nFrom now on, 10:20 in 2024\n\n";
+    const std::string second =
+        "From bob@example.org Wed Mar  6 10:00:00 2024\r\n" + header("Two") + "Content-Type: text/plain\r\n\r\nsecond\r\n\r\n";
+    const std::string third = "From - Wed Mar  6 10:00:01 2024\nSubject: Three\nFrom: c@example.org\n\nthird\n";
+    write("mail.mbox", first + second + third);
+
+    const Outcome one = run("document mail.mbox -m 1");
+    EXPECT_EQ(one.exitCode, 0) << one.err;
+    EXPECT_NE(one.out.find("first\r\nFrom here on\r\nFrom now on, 10:20 in 2024\r\n"), std::string::npos) << one.out;
+    EXPECT_EQ(one.out.find("second"), std::string::npos);
+    EXPECT_NE(one.err.find("this file holds 3 messages in mbox form; this is message 1."), std::string::npos) << one.err;
+
+    const Outcome three = run("document mail.mbox -m 3 --json -o three.txt");
+    EXPECT_NE(readFile(work("three.txt")).find("third"), std::string::npos);
+    const json object = json::parse(three.out);
+    EXPECT_EQ(object["messageCount"], 3);
+    EXPECT_EQ(object["messageIndex"], 2);
+    EXPECT_EQ(object["helps"], json({"mbox", "corrected"}));
+    EXPECT_NE(run("info mail.mbox -m 9").err.find("there is no message 9; this is message 3 of 3"), std::string::npos);
+    EXPECT_NE(run("info mail.mbox -m 2").out.find("2 of 3"), std::string::npos);
+
+    // Listed and exported as a store's messages are.
+    const Outcome list = run("list mail.mbox --json");
+    EXPECT_EQ(list.exitCode, 0) << list.err;
+    std::vector<std::string> subjects;
+    for (std::size_t at = 0; at < list.out.size(); at = list.out.find('\n', at) + 1) {
+        const json message = json::parse(list.out.substr(at, list.out.find('\n', at) - at));
+        EXPECT_EQ(message["count"], 3);
+        subjects.push_back(message["subject"]);
+    }
+    EXPECT_EQ(subjects, (std::vector<std::string>{"One", "Two", "Three"}));
+    EXPECT_EQ(run("export mail.mbox -o out --format txt --quiet").exitCode, 0);
+    EXPECT_EQ(files(work("out")).size(), 6U);  // three messages, their pictures, the index and the journal
+}
+
+TEST_F(Repair, HostileMailStaysWithinBounds) {
+    std::string nested = header("Deep");
+    for (int depth = 0; depth < 3000; ++depth) {
+        const std::string boundary = "b" + std::to_string(depth);
+        nested += "Content-Type: multipart/mixed; boundary=" + boundary + "\n\n--" + boundary + "\n";
+    }
+    std::string metas =
+        withLineFeeds(header("Metas")) + "Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: text/html\n\n";
+    for (int count = 0; count < 200'000; ++count) {
+        metas += "<meta";
+    }
+    for (const std::string& message : {nested, metas + "\n--b--\n"}) {
+        write("mail.eml", message);
+        const Outcome outcome = run("document mail.eml --timeout 30");
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    }
+}
+
+}  // namespace

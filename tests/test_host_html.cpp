@@ -287,9 +287,7 @@ TEST(HtmlGuard, StandsAnyBytes) {
     for (const std::string& piece :
          {"<"s, "<!"s, "<!--"s, "</"s, "<a href=\""s, "<a b='"s, "<a "s, "<style>{"s, "<style>@media x{"s, "<svg><title>"s,
           "<p style=\"url("s, "&#"s, "<table><"s, "</table></td>"s, "\xFF\xFE\0"s, "<td><caption><tr><tbody>"s,
-          "<style>a:not(:not("s, "<![if x]>"s, "<p style='background:linear-gradient("s, "<p style='color:rgb("s, "<p style='content:\"\\"s,
-          "<style>@media ("s, "<style>[class="s, "<ol><li value=9999999999>"s, "<pre>\t"s, "<br clear=all>"s, "<a href=http://a/>"s,
-          "<b>\xD7\x90 "s, "<div dir=rtl>"s, "<table style='display:inline-table;max-width:1px'>"s, "<img width=1>"s}) {
+          "<style>a:not(:not("s, "<![if x]>"s}) {
         const std::string input = repeated(piece, 50000);
         SCOPED_TRACE(piece);
         EXPECT_GE(layOutHtml(input, {}, {})->pageCount(), 1);

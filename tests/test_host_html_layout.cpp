@@ -414,6 +414,20 @@ TEST(HtmlGuard, PutsHintsBelowRules) {
     EXPECT_NE(guardHtml("<!DOCTYPE html>" + cell).html.find("size:24px;\"><b>x"), std::string::npos);
 }
 
+TEST(HtmlGuard, StandsUnfinishedMends) {
+    for (const char* piece :
+         {"<p style='background:linear-gradient(", "<p style='color:rgb(", "<p style='color:hsl(1,", "<p style='content:\"\\",
+          "<p style='font:0 ", "<style>@media (", "<style>@media (width<", "<style>[class=", "<ol><li value=9999999999>",
+          "<pre>\t", "<br clear=all>", "<br><hr>", "<a href=http://a/>", "<b>\xD7\x90 ", "<div dir=rtl>", "<div dir=auto>",
+          "<q>", "<table style='display:inline-table;max-width:1px'>", "<img width=1>", "<font face='a;b\"c'>",
+          "<p style='letter-spacing:1e99px;opacity:-5;max-height:-1px'>"}) {
+        const std::string input = repeated(piece, 3000);
+        SCOPED_TRACE(piece);
+        EXPECT_GE(layOutHtml(input + "x", {}, {})->pageCount(), 1);
+        EXPECT_GE(layOutHtml("<table dir=rtl width=50%><tr><td>\xD7\x90" + input + "<td>x", {}, {})->pageCount(), 1);
+    }
+}
+
 TEST(HtmlGuard, NestedTablesOfAnyKindAreLaidOut) {
     for (const char* table : {"<table><tr><td>a b<td>", "<table width=100%><tr><td>a b<td>", "<table width=50%><tr><td>",
                               "<table align=left><tr><td width=300>a<td width=400>", "<table width=90%><tr><td colspan=2>x<td>y<tr><td>a<td>",

@@ -49,12 +49,15 @@ std::vector<Link> linksOf(LaidOutDocument& document) {
             const auto* mapping = static_cast<PopplerLinkMapping*>(entry->data);
             if (mapping->action->type == POPPLER_ACTION_URI) {
                 const PopplerRectangle& area = mapping->area;
-                links.push_back({i, mapping->action->uri.uri, area.x1, kPaper.height - area.y2, area.x2 - area.x1, area.y2 - area.y1});
+                links.push_back(
+                    {i, mapping->action->uri.uri, area.x1, kPaper.height - area.y2, area.x2 - area.x1, area.y2 - area.y1});
             }
         }
         poppler_page_free_link_mapping(mappings);
     }
-    std::ranges::sort(links, [](const Link& a, const Link& b) { return std::tuple(a.page, std::lround(a.y), a.x) < std::tuple(b.page, std::lround(b.y), b.x); });
+    std::ranges::sort(links, [](const Link& a, const Link& b) {
+        return std::tuple(a.page, std::lround(a.y), a.x) < std::tuple(b.page, std::lround(b.y), b.x);
+    });
     return links;
 }
 
@@ -83,7 +86,8 @@ TEST(HtmlLinks, LeadToTheWebAndToMailOnly) {
              Case{"http://exam\nple.org/x", "http://example.org/x"},
              Case{"http://example.org/(a)\\b", "http://example.org/%28a%29%5Cb"},
              Case{"http://example.org/a b&lt;c&gt;", "http://example.org/a%20b%3Cc%3E"},
-             Case{"http://example.org/&#39; rect=[0 0 9 9] uri=&#39;http://evil/", "http://example.org/%27%20rect=[0%200%209%209]%20uri=%27http://evil/"},
+             Case{"http://example.org/&#39; rect=[0 0 9 9] uri=&#39;http://evil/",
+                  "http://example.org/%27%20rect=[0%200%209%209]%20uri=%27http://evil/"},
              Case{"http://example.org/\xC3\xA4", "http://example.org/%C3%A4"},
              Case{"javascript:alert(1)", ""},
              Case{"file:///etc/passwd", ""},

@@ -258,6 +258,15 @@ TEST_F(RtfLoader, NothingIsFetched) {
     EXPECT_FALSE(listener.wasCalled());
 }
 
+TEST_F(RtfLoader, GuardJoinsNoWordsWhereItTakesSomethingOut) {
+    for (const char* words : {"{\\*\\objd\\bin0 ata 01}", "{\\*\\fldi\\bin-1 nst INCLUDETEXT}", "{\\*\\temp\\bin0 late x}"}) {
+        const std::string guarded = guardRtf(rtf(words), kPaper);
+        for (const char* word : {"objdata", "fldinst", "template"}) {
+            EXPECT_EQ(guarded.find(word), std::string::npos) << guarded;
+        }
+    }
+}
+
 TEST_F(RtfLoader, GuardKeepsHarmlessFields) {
     const auto keeps = [](const std::string& instruction) {
         const std::string field = "{\\field{\\*\\fldinst" + instruction + "}{\\fldrslt x}}";

@@ -128,10 +128,7 @@ public:
         if (known) {
             m_pos.width = -1;  // tells the engine that the layout is not the one for this width
         }
-        int width = known ? *known : layOut(x, y, maxWidth, secondPass);
-        if (m_fixed && width > maxWidth) {
-            width = std::max(width, layOut(x, y, width, secondPass));  // the engine takes it for laid out at this width
-        }
+        const int width = known ? *known : m_fixed ? layOutFixed(x, y, maxWidth, secondPass) : layOut(x, y, maxWidth, secondPass);
         m_pos.width = known ? -1 : m_pos.width;
         if (const auto measured = m_measurements == 0 ? std::exchange(m_measured, {}) : nullptr) {
             measured(m_fixed ? std::max(width, maxWidth) : width);
@@ -186,6 +183,26 @@ private:
         }
         m_known.push_back({maxWidth, width});
         return width;
+    }
+
+    /// The engine takes it for laid out at the width that it was offered, or at what it takes when that is more.
+    int layOutFixed(int x, int y, int maxWidth, bool secondPass) {
+        const int offered = fittingWidth(maxWidth);
+        const int width = layOut(x, y, offered, secondPass);
+        if (width == offered || (width < offered && offered == maxWidth)) {
+            return width;
+        }
+        const int again = std::max(width, maxWidth);
+        return std::max(again, layOut(x, y, again, secondPass));
+    }
+
+    /// A width that is not less than what the content has already turned out to need.
+    int fittingWidth(int offered) const {
+        int least = offered;
+        for (const Measurement& known : m_known) {
+            least = known.taken > known.offered ? std::max(least, known.taken) : least;
+        }
+        return least;
     }
 
     /// What fits into its width needs no more in a wider place, and no less down to what it took.
@@ -247,6 +264,10 @@ private:
 
     /// With the widths of columns that a browser would choose.
     int renderShared(int x, int y, int maxWidth, bool secondPass) {
+        if (m_grid == nullptr || m_grid->cols_count() < 2) {
+            expectMeasuring({});
+            return Mended::render(x, y, maxWidth, secondPass);
+        }
         const auto known = std::ranges::find(m_shared, maxWidth, &Shared::offered);
         if (known == m_shared.end()) {
             Shared shared{maxWidth, {}, true};

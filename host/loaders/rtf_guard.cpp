@@ -83,6 +83,7 @@ public:
             depth += token.raw == "{" ? 1 : 0;
             depth -= token.raw == "}" ? 1 : 0;
             if (token.name == "bin") {
+                out_ += ' ';  // what stands on both sides must not become one word or one number
                 writeAsHex(takeBinary(token));
             } else if (isDropped(token)) {
                 dropRestOfGroup();

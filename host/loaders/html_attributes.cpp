@@ -85,8 +85,8 @@ std::string ruleStyle(const HtmlToken& token) {
     const std::optional<int> size = attributeNumber(token.attribute("size"), 1, 1000);
     const bool flat = std::ranges::find(token.attributes, std::string("noshade"), &HtmlAttribute::name) != token.attributes.end();
     if (!color.empty() || flat || token.attribute("size") == "1") {
-        style +=
-            "border:0;border-top:" + std::to_string(size.value_or(flat ? 2 : 1)) + "px solid " + (color.empty() ? "#808080" : color) + ";";
+        style += "border:0;border-top:" + std::to_string(size.value_or(flat ? 2 : 1)) + "px solid " +
+                 (color.empty() ? "#808080" : color) + ";";
     } else if (size) {
         style += "height:" + std::to_string(std::max(*size - 2, 0)) + "px;";
     }
@@ -142,8 +142,8 @@ std::string cellStyle(const HtmlToken& token, const TableAttributes& table) {
 /// Text in a font of fixed pitch is smaller by itself, unless the author has chosen the font.
 std::string pitchStyle(const HtmlToken& token) {
     const std::string_view style = token.attribute("style").substr(0, kMaxStyleLength);
-    const bool fixed = token.name == "pre" || token.name == "code" || token.name == "tt" || token.name == "kbd" ||
-                       token.name == "samp";
+    const bool fixed =
+        token.name == "pre" || token.name == "code" || token.name == "tt" || token.name == "kbd" || token.name == "samp";
     return fixed && style.find("font-family") != std::string_view::npos ? "font-size:1em;" : "";
 }
 
@@ -196,8 +196,8 @@ std::string placedBlockStyle(const HtmlToken& token, ChildAlignment surrounding)
         return {};
     }
     const std::string_view style = token.attribute("style").substr(0, kMaxStyleLength);
-    const bool picture = token.name == "img" && style.find("block") != std::string_view::npos &&
-                         style.find("inline") == std::string_view::npos;
+    const bool picture =
+        token.name == "img" && style.find("block") != std::string_view::npos && style.find("inline") == std::string_view::npos;
     const TagKind kind = tagKind(token.name);
     const bool block = kind == TagKind::Block || kind == TagKind::Paragraph || kind == TagKind::Heading;
     const bool table = kind == TagKind::Table && token.attribute("align").empty();
@@ -298,8 +298,8 @@ std::string lineBoxStyle(const HtmlToken& token) {
     const std::string align = lowered(token.attribute("align"));
     const std::size_t display = style.find("display");
     const bool floats = (align == "left" || align == "right") && style.find("float") == std::string::npos;
-    if (token.name != "table" || display == std::string::npos || floats ||
-        style.find("inline", display) == std::string::npos || token.attribute("width").ends_with('%')) {
+    if (token.name != "table" || display == std::string::npos || floats || style.find("inline", display) == std::string::npos ||
+        token.attribute("width").ends_with('%')) {
         return {};
     }
     const std::size_t vertical = style.find("vertical-align");

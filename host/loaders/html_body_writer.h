@@ -34,8 +34,8 @@ struct OpenElement {
     std::string startTag;            // of an inline element or a table, to repeat it
     std::vector<InlineTag> outside;  // of a table part: the inline elements that go on behind it
     TableState table;
-    int nextNumber = 1;  // of a numbered list
-    bool boxed = false;  // stands in a box of its own, which ends with it
+    int nextNumber = 1;         // of a numbered list
+    bool boxed = false;         // stands in a box of its own, which ends with it
     bool inLine = false;        // is a box in a line, not a block
     bool keepsBlanks = false;   // as far as it is known here
     bool preformatted = false;  // surely keeps blanks
@@ -121,8 +121,8 @@ private:
     std::vector<InlineTag> m_pending;  // open inline elements that are not written yet where we are
     std::size_t m_depth = 0;
     std::size_t m_tableDepth = 0;
-    std::size_t m_column = 0;  // of the text, for its tabs
-    bool m_lineEmpty = true;   // nothing stands in the line so far
+    std::size_t m_column = 0;     // of the text, for its tabs
+    bool m_lineEmpty = true;      // nothing stands in the line so far
     std::size_t m_break = kNone;  // where the line break in front of it is written
     bool m_sheetKeepsBlanks = false;
 };

@@ -11,7 +11,8 @@ namespace ternview {
 
 class HtmlBudget {
 public:
-    static constexpr std::size_t kMaxDepth = 80;  // each word looks for its font, and each line for floats, in all that it stands in
+    static constexpr std::size_t kMaxDepth =
+        80;  // each word looks for its font, and each line for floats, in all that it stands in
     static constexpr std::size_t kMaxTableDepth = 12;
     static constexpr std::size_t kMaxInlines = 32;     // open at one place; each block inside repeats them
     static constexpr std::size_t kMaxBlankRun = 1000;  // where blanks are kept

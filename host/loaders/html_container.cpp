@@ -190,7 +190,8 @@ public:
                                  static_cast<double>(paint.image_size.width), static_cast<double>(paint.image_size.height)},
                                 !content && (both || paint.repeat == litehtml::background_repeat_repeat_x),
                                 !content && (both || paint.repeat == litehtml::background_repeat_repeat_y),
-                                radiiOf(paint.border_radius), m_opacities.back(),
+                                radiiOf(paint.border_radius),
+                                m_opacities.back(),
                                 content ? PictureItem::Role::Content : PictureItem::Role::Background}));
         } else if (content) {
             add(boxOf(paint.clip_box), FrameItem{address->alternative, m_frameFont});

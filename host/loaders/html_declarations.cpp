@@ -26,8 +26,7 @@ constexpr double kBold = 600;        // weight; few families have more than two
 
 std::string shortNumber(double value, int decimals) {
     std::array<char, 40> digits{};
-    const auto end =
-        std::to_chars(digits.data(), digits.data() + digits.size(), value, std::chars_format::fixed, decimals).ptr;
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value, std::chars_format::fixed, decimals).ptr;
     std::string text(digits.data(), end);
     if (text.find('.') != std::string::npos) {
         text.resize(text.find_last_not_of('0') + 1);
@@ -73,7 +72,8 @@ std::string colorText(double red, double green, double blue, double alpha) {
 std::string colorOfHue(double hue, double saturation, double lightness, double alpha) {
     const auto channel = [&](double n) {
         const double k = std::fmod(n + hue / 30, 12);
-        return 255 * (lightness - saturation * std::min(lightness, 1 - lightness) * std::max(-1.0, std::min({k - 3, 9 - k, 1.0})));
+        return 255 *
+               (lightness - saturation * std::min(lightness, 1 - lightness) * std::max(-1.0, std::min({k - 3, 9 - k, 1.0})));
     };
     return colorText(channel(0), channel(8), channel(4), alpha);
 }

@@ -1,4 +1,5 @@
-// What a document asks for that the built-in layout engine cannot give: a reason to hand it to a browser engine where there is one.
+// What a document asks for that the built-in layout engine cannot give: a reason to hand it to a browser engine where there is
+// one.
 #pragma once
 
 #include <string_view>

@@ -38,7 +38,8 @@ void addRoundedBox(cairo_t* context, const Box& box, const CornerRadii& wanted) 
     fit(box.height, radii[1][1], radii[2][1]);
     float largest = 0;
     for (auto& corner : radii) {
-        corner = {std::max(corner[0], 0.0F) * static_cast<float>(fitting), std::max(corner[1], 0.0F) * static_cast<float>(fitting)};
+        corner = {std::max(corner[0], 0.0F) * static_cast<float>(fitting),
+                  std::max(corner[1], 0.0F) * static_cast<float>(fitting)};
         largest = std::max(largest, std::min(corner[0], corner[1]));
     }
     if (largest <= 0) {

@@ -9,7 +9,6 @@
 #include <litehtml/el_font.h>
 #include <litehtml/el_image.h>
 #include <litehtml/el_para.h>
-#include <litehtml/el_tr.h>
 
 #include <algorithm>
 #include <array>
@@ -111,7 +110,7 @@ std::optional<int> numberOf(const char* text) {
     int number = 0;
     const std::string_view digits = text == nullptr ? std::string_view() : text;
     return std::from_chars(digits.data(), digits.data() + digits.size(), number).ec == std::errc() ? std::optional(number)
-                                                                                                  : std::nullopt;
+                                                                                                   : std::nullopt;
 }
 
 struct Length {
@@ -137,8 +136,8 @@ public:
     void draw(litehtml::uint_ptr device, int x, int y, const litehtml::position* clip) override {
         const litehtml::list_style_type type = m_list_style_type;
         const bool numbered = type >= litehtml::list_style_type_armenian;
-        const bool own = m_display == litehtml::display_list_item && type != litehtml::list_style_type_none &&
-                         (numbered || isRightToLeft());
+        const bool own =
+            m_display == litehtml::display_list_item && type != litehtml::list_style_type_none && (numbered || isRightToLeft());
         m_list_style_type = own ? litehtml::list_style_type_none : type;
         Mended::draw(device, x, y, clip);
         m_list_style_type = type;
@@ -169,8 +168,8 @@ private:
         const int size = m_font_size - m_font_size * 2 / 3;
         mark.marker_type = m_list_style_type;
         mark.color = get_color("color", true, get_document()->get_def_color());
-        mark.pos = litehtml::position(x + m_pos.x + m_pos.width + m_font_size - size,
-                                      y + m_pos.y + line_height() / 2 - size / 2, size, size);
+        mark.pos = litehtml::position(x + m_pos.x + m_pos.width + m_font_size - size, y + m_pos.y + line_height() / 2 - size / 2,
+                                      size, size);
         get_document()->container()->draw_list_marker(device, mark);
     }
 };
@@ -247,6 +246,9 @@ private:
 
 std::shared_ptr<litehtml::element> createHtmlElement(const std::string& name, const std::shared_ptr<litehtml::document>& document,
                                                      HtmlElementObserver& observer) {
+    if (auto part = createTablePart(name, document)) {
+        return part;
+    }
     if (name == "a") {
         return std::make_shared<Anchor>(document, observer);
     }
@@ -255,15 +257,6 @@ std::shared_ptr<litehtml::element> createHtmlElement(const std::string& name, co
     }
     if (name == "li") {
         return std::make_shared<ListItem>(document);
-    }
-    if (name == "table") {
-        return createTable(document);
-    }
-    if (name == "td" || name == "th") {
-        return createCell(document);
-    }
-    if (name == "tr") {
-        return std::make_shared<Mended<litehtml::el_tr>>(document);
     }
     if (name == "p") {
         return std::make_shared<Mended<litehtml::el_para>>(document);

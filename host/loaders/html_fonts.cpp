@@ -14,7 +14,7 @@ constexpr std::size_t kMaxFamilies = 64;
 constexpr std::size_t kMaxFonts = 500;
 constexpr const char* kDefaultFamily = "serif";
 // The sizes of the fonts over the limit.
-constexpr std::array kCoarseSizes{8.0,  10.0, 12.0, 13.0, 14.0, 16.0, 18.0,  20.0,  24.0,  28.0,
+constexpr std::array kCoarseSizes{8.0,  10.0, 12.0, 13.0, 14.0, 16.0,  18.0,  20.0,  24.0,        28.0,
                                   32.0, 40.0, 48.0, 64.0, 96.0, 128.0, 256.0, 512.0, kMaxFontSize};
 
 double pixels(int pangoUnits) {
@@ -99,8 +99,9 @@ std::string chosenFamily(std::string_view families, const std::unordered_set<std
 
 std::string keyOf(const HtmlFontStyle& style) {
     const int lines = (style.underline ? 1 : 0) | (style.strikeThrough ? 2 : 0) | (style.overline ? 4 : 0);
-    return std::to_string(std::lround(style.size * PANGO_SCALE)) + "/" + std::to_string(style.weight) + (style.italic ? "i" : "/") + std::to_string(lines) +
-           "/" + std::to_string(std::lround(style.letterSpacing * PANGO_SCALE)) + "/" + style.families;
+    return std::to_string(std::lround(style.size * PANGO_SCALE)) + "/" + std::to_string(style.weight) +
+           (style.italic ? "i" : "/") + std::to_string(lines) + "/" +
+           std::to_string(std::lround(style.letterSpacing * PANGO_SCALE)) + "/" + style.families;
 }
 
 /// One of few fonts, near what was asked for.
@@ -125,7 +126,7 @@ HtmlFont::HtmlFont(PangoContext* context, const HtmlFontStyle& style, std::size_
     pango_layout_set_font_description(m_layout.get(), description.get());
     pango_layout_set_single_paragraph_mode(m_layout.get(), TRUE);
     const std::unique_ptr<PangoAttrList, decltype(&pango_attr_list_unref)> attributes(pango_attr_list_new(),
-                                                                                     &pango_attr_list_unref);
+                                                                                      &pango_attr_list_unref);
     pango_attr_list_insert(attributes.get(), pango_attr_insert_hyphens_new(FALSE));
     pango_attr_list_insert(attributes.get(), pango_attr_letter_spacing_new(rounded(style.letterSpacing * PANGO_SCALE)));
     pango_layout_set_attributes(m_layout.get(), attributes.get());
@@ -135,9 +136,8 @@ HtmlFont::HtmlFont(PangoContext* context, const HtmlFontStyle& style, std::size_
     m_ascent = rounded(pixels(pango_font_metrics_get_ascent(metrics.get())));
     m_descent = rounded(pixels(pango_font_metrics_get_descent(metrics.get())));
     // Browsers round the gap between lines by itself.
-    const double gap =
-        pixels(pango_font_metrics_get_height(metrics.get()) - pango_font_metrics_get_ascent(metrics.get()) -
-               pango_font_metrics_get_descent(metrics.get()));
+    const double gap = pixels(pango_font_metrics_get_height(metrics.get()) - pango_font_metrics_get_ascent(metrics.get()) -
+                              pango_font_metrics_get_descent(metrics.get()));
     m_height = m_ascent + m_descent + std::max(0, rounded(gap));
     m_xHeight = rounded(m_style.size * 0.5);
     m_underlineOffset = -pixels(pango_font_metrics_get_underline_position(metrics.get()));
@@ -151,12 +151,12 @@ HtmlFont::HtmlFont(PangoContext* context, const HtmlFontStyle& style, std::size_
     }
 }
 
-/// The engine counts in whole pixels. A word gets what the blank behind it is too narrow or too wide, so that lines are as long as
-/// they should be.
+/// The engine counts in whole pixels. A word gets what the blank behind it is too narrow or too wide, so that lines are as long
+/// as they should be.
 int HtmlFont::wholeWidth(std::string_view text, double width) const {
     constexpr unsigned char kFirstOfThreeBytes = 0xE2;  // as East Asian characters are, between which there are no blanks
-    const bool word = text.find_first_not_of(' ') != std::string_view::npos &&
-                      static_cast<unsigned char>(text.front()) < kFirstOfThreeBytes;
+    const bool word =
+        text.find_first_not_of(' ') != std::string_view::npos && static_cast<unsigned char>(text.front()) < kFirstOfThreeBytes;
     return rounded(word ? width + m_space - rounded(m_space) : width);
 }
 

@@ -419,8 +419,8 @@ private:
                 m_body.endInline(name);
                 break;
             default: {
-                const std::size_t element = m_body.findOpen(
-                    [&](const OpenElement& e) { return e.name == name && !HtmlBodyWriter::isBoundary(e.kind); });
+                const std::size_t element =
+                    m_body.findOpen([&](const OpenElement& e) { return e.name == name && !HtmlBodyWriter::isBoundary(e.kind); });
                 if (element != kNone) {
                     m_body.closeDownTo(element);
                 }

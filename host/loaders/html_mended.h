@@ -91,9 +91,9 @@ public:
         };
         const std::shared_ptr<litehtml::document> document = this->get_document();
         const std::string families = property("font-family", document->container()->get_default_font_name()) + suffix;
-        this->m_font = document->get_font(families.c_str(), this->m_font_size, property("font-weight", "normal"),
-                                          property("font-style", "normal"), property("text-decoration", "none"),
-                                          &this->m_font_metrics);
+        this->m_font =
+            document->get_font(families.c_str(), this->m_font_size, property("font-weight", "normal"),
+                               property("font-style", "normal"), property("text-decoration", "none"), &this->m_font_metrics);
     }
 
     void parse_styles(bool again) override {
@@ -142,8 +142,7 @@ private:
     void keepToGreatestHeight() {
         const bool box = this->m_display == litehtml::display_block || this->m_display == litehtml::display_inline_block ||
                          this->m_display == litehtml::display_list_item;
-        if (box && !this->m_css_max_height.is_predefined() &&
-            this->m_css_max_height.units() != litehtml::css_units_percentage) {
+        if (box && !this->m_css_max_height.is_predefined() && this->m_css_max_height.units() != litehtml::css_units_percentage) {
             const int most = this->get_document()->cvt_units(this->m_css_max_height, this->m_font_size);
             this->m_pos.height = std::min(this->m_pos.height, std::max(most, 0));
         }

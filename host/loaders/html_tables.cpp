@@ -4,6 +4,7 @@
 
 #include <litehtml/el_table.h>
 #include <litehtml/el_td.h>
+#include <litehtml/el_tr.h>
 
 #include <algorithm>
 #include <functional>
@@ -82,31 +83,47 @@ bool wrapsText(const litehtml::element& block) {
     if (mended == nullptr) {
         return false;
     }
-    const litehtml::box::vector& boxes = mended->lineBoxes();
-    for (std::size_t i = 0; i < boxes.size(); ++i) {
+    bool open = false;  // a line stands in front that may have gone on here
+    for (const litehtml::box::ptr& box : mended->lineBoxes()) {
         litehtml::elements_vector parts;
-        boxes[i]->get_elements(parts);
+        box->get_elements(parts);
         if (parts.empty()) {
             continue;
         }
-        const bool line = boxes[i]->get_type() == litehtml::box_line;
-        const bool goesOn = i + 1 < boxes.size() && boxes[i + 1]->get_type() == litehtml::box_line;
-        const bool ownWidth = !line && !parts.front()->get_css_width().is_predefined();
-        const bool table = parts.front()->get_display() == litehtml::display_table;
-        if (line ? goesOn && !parts.back()->is_break() : !ownWidth && !table && wrapsText(*parts.front())) {
+        const litehtml::element& first = *parts.front();
+        const bool line = box->get_type() == litehtml::box_line;
+        // A break stands at the start of the line behind it.
+        if (line && open && !first.is_break() && !parts.back()->is_break()) {
             return true;
         }
+        const bool ownWidth = !first.get_css_width().is_predefined() || first.get_display() == litehtml::display_table;
+        if (!line && !ownWidth && wrapsText(first)) {
+            return true;
+        }
+        open = line;
     }
     return false;
 }
+
+/// What a table is made of, whatever style sheets say.
+template <typename Base, litehtml::style_display display>
+class TablePart : public Mended<Base> {
+public:
+    using Mended<Base>::Mended;
+
+    void parse_styles(bool again) override {
+        Mended<Base>::parse_styles(again);
+        this->m_display = this->m_display == litehtml::display_none ? this->m_display : display;
+    }
+};
 
 /**
  * A cell that remembers what it was measured to need. The engine measures each cell of a table twice before it lays it out, and
  * tables inside are measured with it: without memory their cost is a power of the depth.
  */
-class Cell final : public Mended<litehtml::el_td> {
+class Cell final : public TablePart<litehtml::el_td, litehtml::display_table_cell> {
 public:
-    using Mended::Mended;
+    using TablePart::TablePart;
 
     /// As for all other elements, padding and border come on top of the width.
     litehtml::css_length get_css_width() const override {
@@ -222,15 +239,9 @@ private:
     bool m_fixed = false;
 };
 
-class Table final : public Mended<litehtml::el_table> {
+class Table final : public TablePart<litehtml::el_table, litehtml::display_table> {
 public:
-    using Mended::Mended;
-
-    /// Whatever style sheets say: its rows need it to be a table.
-    void parse_styles(bool again) override {
-        Mended::parse_styles(again);
-        m_display = m_display == litehtml::display_none ? m_display : litehtml::display_table;
-    }
+    using TablePart::TablePart;
 
     int render(int x, int y, int maxWidth, bool secondPass) override {
         const litehtml::css_length own = m_css_width;
@@ -258,9 +269,7 @@ public:
     }
 
 private:
-    int inPixels(litehtml::css_length length, int whole) const {
-        return get_document()->cvt_units(length, m_font_size, whole);
-    }
+    int inPixels(litehtml::css_length length, int whole) const { return get_document()->cvt_units(length, m_font_size, whole); }
 
     /// With the widths of columns that a browser would choose.
     int renderShared(int x, int y, int maxWidth, bool secondPass) {
@@ -492,12 +501,17 @@ std::vector<int> shareTableWidth(const std::vector<TableColumn>& columns, int wi
     return widths;
 }
 
-std::shared_ptr<litehtml::element> createTable(const std::shared_ptr<litehtml::document>& document) {
-    return std::make_shared<Table>(document);
-}
-
-std::shared_ptr<litehtml::element> createCell(const std::shared_ptr<litehtml::document>& document) {
-    return std::make_shared<Cell>(document);
+std::shared_ptr<litehtml::element> createTablePart(const std::string& name, const std::shared_ptr<litehtml::document>& document) {
+    if (name == "table") {
+        return std::make_shared<Table>(document);
+    }
+    if (name == "thead" || name == "tbody" || name == "tfoot") {
+        return std::make_shared<TablePart<litehtml::html_tag, litehtml::display_table_row_group>>(document);
+    }
+    if (name == "tr") {
+        return std::make_shared<TablePart<litehtml::el_tr, litehtml::display_table_row>>(document);
+    }
+    return name == "td" || name == "th" ? std::make_shared<Cell>(document) : nullptr;
 }
 
 }  // namespace ternview

@@ -4,6 +4,7 @@
 #include <litehtml/litehtml.h>
 
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace ternview {
@@ -23,7 +24,12 @@ struct TableColumn {
  */
 std::vector<int> shareTableWidth(const std::vector<TableColumn>& columns, int width);
 
-std::shared_ptr<litehtml::element> createTable(const std::shared_ptr<litehtml::document>& document);
-std::shared_ptr<litehtml::element> createCell(const std::shared_ptr<litehtml::document>& document);
+/**
+ * Makes a table or a part of one, which stays what it is whatever style sheets say: the engine would put others around it, and
+ * lay out what is in them again and again.
+ *
+ * @return null for a name that is none of these
+ */
+std::shared_ptr<litehtml::element> createTablePart(const std::string& name, const std::shared_ptr<litehtml::document>& document);
 
 }  // namespace ternview

@@ -137,8 +137,8 @@ public:
         Piece piece = layOutPiece(pages_[page].piece);
         int firstLine = pages_[page].line;
         while (piece.begin <= stop.piece) {
-            const std::vector<TextLink> links = carriesLinks(context) ? findLinks(pango_layout_get_text(layout_.get()))
-                                                                      : std::vector<TextLink>();
+            const std::vector<TextLink> links =
+                carriesLinks(context) ? findLinks(pango_layout_get_text(layout_.get())) : std::vector<TextLink>();
             int number = 0;
             for (const PaperLine& line : paperLines(piece)) {
                 const bool isBeyond = piece.begin == stop.piece && number >= stop.line;

@@ -74,13 +74,6 @@ ternkit::Status drawMemory(const void* /*document*/, void* /*bitmap*/, std::uint
     return ternkit::kOk;
 }
 
-/// Processor time, so that what else the machine does stays out of the ratios.
-double processorSeconds() {
-    timespec time{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
-
 /// A number of a file of /proc/self, by the word in front of it.
 std::uint64_t processFigure(const std::string& path, const std::string& name) {
     std::ifstream file(path);
@@ -100,6 +93,22 @@ std::uint64_t memoryBytes(const std::string& name) {
 }
 
 }  // namespace
+
+double processorSeconds() {
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+std::uint64_t startPeakMemory() {
+    malloc_trim(0);
+    std::ofstream("/proc/self/clear_refs") << "5";
+    return memoryBytes("VmRSS:");
+}
+
+std::uint64_t peakMemory() {
+    return memoryBytes("VmHWM:");
+}
 
 File::File(const std::string& name, const std::string& bytes)
     : File(name, [&bytes](const std::string& path) {
@@ -181,13 +190,11 @@ Cost costOf(const std::function<void()>& action) {
     }
     const pid_t child = fork();
     if (child == 0) {
-        malloc_trim(0);
-        std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts anew from here
-        const std::uint64_t memoryBefore = memoryBytes("VmRSS:");
+        const std::uint64_t memoryBefore = startPeakMemory();
         const std::uint64_t readBefore = processFigure("/proc/self/io", "rchar:");
         action();
         const std::uint64_t readAfter = processFigure("/proc/self/io", "rchar:");
-        const Cost cost{memoryBytes("VmHWM:") - memoryBefore, readAfter - readBefore};
+        const Cost cost{peakMemory() - memoryBefore, readAfter - readBefore};
         _exit(write(channel[1], &cost, sizeof(cost)) == sizeof(cost) ? 0 : 1);
     }
     close(channel[1]);

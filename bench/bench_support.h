@@ -32,6 +32,14 @@ private:
 /// Processor seconds of one plain read of the file into fresh memory: the median of several.
 double plainReadSeconds(const File& file);
 
+/// Processor time of this process, so that what else the machine does stays out of the ratios.
+double processorSeconds();
+
+/// Has the peak of resident memory start anew. @return bytes that are resident now
+std::uint64_t startPeakMemory();
+/// Bytes.
+std::uint64_t peakMemory();
+
 /// Runs the workload and gives the processor seconds of one pass; the action must do all of it.
 double measured(benchmark::State& state, const std::function<void()>& action);
 

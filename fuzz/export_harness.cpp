@@ -6,61 +6,115 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string>
 
 #include <ternkit/filter.h>
+#include <ternkit/load_cache.h>
 #include <ternkit/ternbase.h>
+#include "guarded_rtf.h"
 
 namespace {
 
 constexpr std::uint32_t kOpenForReading = 256;
 constexpr std::uint32_t kMemoryOnly = 3;
+constexpr std::uint64_t kLargestBlock = 16U << 20;  // a store makes records for as many messages as it says to have
+constexpr std::uint32_t kFilterRecordTag = 1;
+std::uint32_t keptByLoader = 0;  // its address stands for data of a loader
 
-/// Reads every byte of a document, so that the sanitizer sees one that is not there.
-std::uint64_t touch(const void* document, std::uint64_t size) {
-    std::uint64_t sum = 0;
-    for (std::uint64_t at = 0; at < size; ++at) {
-        sum += static_cast<const std::uint8_t*>(document)[at];
+void require(bool condition) {
+    if (!condition) {
+        std::abort();
     }
-    return sum;
 }
 
-void fill(ternkit::HostFileInfo* info) {
+/// Reads every byte of a document, so that the sanitizer sees one that is not there.
+void readDocument(const void* document, std::uint64_t size, const ternkit::HostFileInfo* info) {
+    const std::string bytes(static_cast<const char*>(document), size);
+    if (info->format == ternkit::kFormatRtf && bytes.starts_with("{\\rtf")) {
+        fuzz::checkRtfGuard(bytes);
+    }
+}
+
+void requireFile(const char16_t* path) {
+    char native[4096];
+    require(TbHostNativePath(path, native, sizeof(native)) != 0 && access(native, R_OK) == 0);
+}
+
+/// What the loaders of a document answer, and what they want kept for the next call.
+void fill(ternkit::HostFileInfo* info, std::uint32_t flags) {
     info->totalPages = 1;
     info->width = 794;
     info->height = 1123;
     info->xResolution = 96;
     info->yResolution = 96;
+    if (flags == ternkit::kInfoWithCache) {
+        info->loaderData = &keptByLoader;
+        info->loaderDataSize = sizeof(keptByLoader);
+    }
 }
 
-ternkit::Status takeInfoFromFile(const char16_t* /*path*/, ternkit::HostFileInfo* info, std::uint32_t /*infoSize*/,
-                                 std::uint32_t /*flags*/, ternkit::HostLoadOptions* /*options*/) {
-    fill(info);
+ternkit::Status takeInfoFromFile(const char16_t* path, ternkit::HostFileInfo* info, std::uint32_t /*infoSize*/,
+                                 std::uint32_t flags, ternkit::HostLoadOptions* /*options*/) {
+    requireFile(path);
+    fill(info, flags);
     return ternkit::kOk;
 }
 
 ternkit::Status takeInfoFromMemory(const void* document, ternkit::HostFileInfo* info, std::uint32_t /*infoSize*/,
-                                   std::uint64_t size, std::uint32_t /*flags*/, ternkit::HostLoadOptions* /*options*/) {
-    fill(info);
-    return touch(document, size) == 1 ? -1 : ternkit::kOk;
+                                   std::uint64_t size, std::uint32_t flags, ternkit::HostLoadOptions* /*options*/) {
+    readDocument(document, size, info);
+    fill(info, flags);
+    return ternkit::kOk;
 }
 
 ternkit::Status takeFile(const char16_t* path, void* /*bitmap*/, std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t,
                          void* /*callback*/, void* /*userData*/, ternkit::HostLoadOptions* /*options*/,
                          ternkit::HostFileInfo* /*info*/) {
-    char native[4096];
-    if (TbHostNativePath(path, native, sizeof(native)) == 0 || access(native, R_OK) != 0) {
-        std::abort();
-    }
+    requireFile(path);
     return ternkit::kOk;
 }
 
 ternkit::Status takeMemory(const void* document, void* /*bitmap*/, std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t,
                            void* /*callback*/, void* /*userData*/, std::uint64_t size, ternkit::HostLoadOptions* /*options*/,
-                           ternkit::HostFileInfo* /*info*/) {
-    return touch(document, size) == 1 ? -1 : ternkit::kOk;
+                           ternkit::HostFileInfo* info) {
+    readDocument(document, size, info);
+    return ternkit::kOk;
+}
+
+ternkit::Status takeFileElsewhere(const char16_t* path, void* /*target*/, ternkit::HostLoadOptions* /*options*/,
+                                  ternkit::HostFileInfo* /*info*/) {
+    requireFile(path);
+    return ternkit::kOk;
+}
+
+ternkit::Status takeMemoryElsewhere(const void* document, void* /*target*/, std::uint64_t size,
+                                    ternkit::HostLoadOptions* /*options*/, ternkit::HostFileInfo* info) {
+    readDocument(document, size, info);
+    return ternkit::kOk;
+}
+
+class AlternativeTarget final : public ternkit::TargetObject {
+public:
+    std::int32_t addReference() override { return 1; }
+    std::int32_t releaseReference() override { return 1; }
+    std::int32_t version() override { return 1; }
+    std::int32_t kind() override { return ternkit::kTargetKindAlternative; }
+};
+
+/// Frees what the filter left in a slot, beside what belongs to the loaders.
+void giveBack(ternkit::LoadCacheSlot& slot) {
+    if (slot.data == nullptr || slot.data == &keptByLoader) {
+        return;
+    }
+    if (slot.dataTag != ternkit::kBlockDataTag) {
+        require(fltFreeData(slot.data, 0) == ternkit::kOk);
+        return;
+    }
+    auto* block = static_cast<ternkit::MultiLoadBlock*>(slot.data);
+    void* record = ternkit::entriesOf(block)[ternkit::kFilterDataEntry].data;
+    require(record == nullptr || fltFreeData(record, 0) == ternkit::kOk);
+    TbHostFreeBlock(block);
 }
 
 const std::string& temporaryDirectory() {
@@ -74,14 +128,15 @@ const std::string& temporaryDirectory() {
     return directory;
 }
 
-void callBoth(const std::u16string& path, std::uint32_t mode, const fuzz::Request& request) {
-    TbHostSetLoadMode(mode);
+/// @param slot keeps the message between the two calls; null for none
+ternkit::Status callBoth(const std::u16string& path, ternkit::LoadCacheSlot* slot, const fuzz::Request& request) {
     ternkit::HostLoadOptions options{};
     ternkit::HostFileInfo fileInfo{};
     ternkit::FilterInfoRequest info{};
     info.fileName = path.c_str();
     info.fileHandle = TbFileOpen(path.c_str(), 0, kOpenForReading);
     info.fileInfo = &fileInfo;
+    info.cacheSlot = slot;
     info.options = &options;
     info.loadInfoFromFile = takeInfoFromFile;
     info.loadInfoFromMemory = takeInfoFromMemory;
@@ -90,18 +145,22 @@ void callBoth(const std::u16string& path, std::uint32_t mode, const fuzz::Reques
     const ternkit::Status infoStatus = fltInfo(&info);
     TbFileClose(info.fileHandle);
 
+    AlternativeTarget target;
     ternkit::FilterLoadRequest load{};
     load.fileName = path.c_str();
     load.fileInfo = &fileInfo;
+    load.cacheSlot = slot;
     load.options = &options;
     load.resultStatus = ternkit::kOk;
     load.messageNumber = request.messageNumber;
     load.plainTextOnly = request.plainTextOnly;
     load.loadFromFile = takeFile;
     load.loadFromMemory = takeMemory;
-    if (fltLoad(&load) != infoStatus) {
-        std::abort();  // both build the same document
-    }
+    load.targetObject = slot != nullptr ? &target : nullptr;
+    load.alternativeLoadFromFile = takeFileElsewhere;
+    load.alternativeLoadFromMemory = takeMemoryElsewhere;
+    require(fltLoad(&load) == infoStatus);  // both build the same document
+    return infoStatus;
 }
 
 }  // namespace
@@ -111,6 +170,7 @@ namespace fuzz {
 std::u16string fileOf(const std::uint8_t* data, std::size_t size) {
     static const int file = memfd_create("message", MFD_CLOEXEC);
     temporaryDirectory();
+    TbHostSetBlockLimit(kLargestBlock);
     if (ftruncate(file, 0) != 0 || pwrite(file, data, size, 0) != static_cast<ssize_t>(size)) {
         std::abort();
     }
@@ -130,11 +190,17 @@ void expectNothingLeft() {
     }
 }
 
-void readThroughExports(const std::uint8_t* data, std::size_t size, const Request& request) {
+ternkit::Status readThroughExports(const std::uint8_t* data, std::size_t size, const Request& request) {
     const std::u16string path = fileOf(data, size);
-    callBoth(path, kMemoryOnly, request);
-    callBoth(path, 0, request);
+    TbHostSetLoadMode(kMemoryOnly);
+    const ternkit::Status status = callBoth(path, nullptr, request);
+    TbHostSetLoadMode(0);
+    ternkit::LoadCacheSlot slot{};
+    slot.defaultTag = kFilterRecordTag;
+    callBoth(path, &slot, request);  // fails alone where the name of a picture cannot be one of a file
+    giveBack(slot);
     expectNothingLeft();
+    return status;
 }
 
 }  // namespace fuzz

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include <ternkit/statuses.h>
+
 namespace fuzz {
 
 /// Puts the bytes into a file in memory, in the place of what it held, and gives temporary files a directory of their own.
@@ -20,8 +22,10 @@ struct Request {
     std::uint32_t plainTextOnly = 0;
 };
 
-/// Calls fltInfo and fltLoad for the bytes as a file, on both routes. Stops the program when the two disagree, or when a
-/// temporary file is left over.
-void readThroughExports(const std::uint8_t* data, std::size_t size, const Request& request);
+/// Calls the exports for the bytes as a file: by name on the route through memory; with a slot that keeps the message between
+/// calls, and into the other kind of target, on the one through temporary files. RTF goes through the host's guard. Stops the
+/// program when the two calls on a route disagree, or when a temporary file is left over.
+/// @return the status on the route through memory
+ternkit::Status readThroughExports(const std::uint8_t* data, std::size_t size, const Request& request);
 
 }  // namespace fuzz

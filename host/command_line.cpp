@@ -51,6 +51,7 @@ struct RawOptions {
     bool json = false;
     bool quiet = false;
     bool strict = false;
+    bool asShown = false;
     std::string format = "pdf";
     std::size_t workers = 0;
     bool noPictures = false;
@@ -83,9 +84,20 @@ std::optional<std::uint32_t> parseLanguage(const std::string& text) {
     return std::nullopt;
 }
 
+/// Says in plain words what a number must be.
+CLI::Validator wholeNumber(int lowest, int highest) {
+    const CLI::Range range(lowest, highest);
+    const auto check = [range, lowest, highest](std::string& text) {
+        return range(text).empty() ? std::string()
+                                   : printableName(text) + " is no whole number from " + std::to_string(lowest) + " to " +
+                                         std::to_string(highest);
+    };
+    return {check, range.get_description()};
+}
+
 void addTimeout(CLI::App& command, RawOptions& raw) {
     command.add_option("--timeout", raw.timeout, "Seconds that a message may take")
-        ->check(CLI::Range(1, 86400))
+        ->check(wholeNumber(1, 86400))
         ->capture_default_str();
 }
 
@@ -97,15 +109,15 @@ void addPaper(CLI::App& command, RawOptions& raw) {
 
 void addResolution(CLI::App& command, RawOptions& raw) {
     command.add_option("-r,--resolution", raw.resolution, "Dots per inch of PNG pages")
-        ->check(CLI::Range(10, 1200))
+        ->check(wholeNumber(10, 1200))
         ->capture_default_str();
 }
 
 void addCommonOptions(CLI::App& command, RawOptions& raw) {
     command.add_option("FILE", raw.file, "Mail file: a store (.pst), an Outlook item (.msg) or an Internet message (.eml)")
         ->required();
-    command.add_option("-m,--message", raw.message, "Number of the message in a store, from 1")
-        ->check(CLI::Range(1, std::numeric_limits<std::int32_t>::max()));
+    command.add_option("-m,--message", raw.message, "Number of the message in a store or an mbox file, from 1")
+        ->check(wholeNumber(1, std::numeric_limits<std::int32_t>::max()));
     command.add_flag("--plain-text", raw.plainText, "Ask for a plain text document whatever the message holds");
     CLI::Option* temp = command.add_flag("--temp-files", raw.tempFiles, "HTML travels through temporary files");
     command.add_flag("--no-temp-files", raw.noTempFiles, "HTML travels through memory")->excludes(temp);
@@ -154,7 +166,7 @@ void addExportOptions(CLI::App& command, RawOptions& raw) {
         ->check(CLI::IsMember({"pdf", "png", "html", "txt"}, CLI::ignore_case))
         ->capture_default_str();
     command.add_option("-j,--jobs", raw.workers, "Messages at a time; without it, one for each processor")
-        ->check(CLI::Range(1, 256));
+        ->check(wholeNumber(1, 256));
     command.add_flag("--restart", raw.restart, "Replace the export that the directory holds");
     command.add_flag("--no-pictures", raw.noPictures, "Leave the small pictures out of index.html");
     command.add_flag("--plain-text", raw.plainText, "Ask for a plain text document whatever a message holds");
@@ -171,9 +183,9 @@ void addThumbnailOptions(CLI::App& command, RawOptions& raw) {
     command.add_option("FILE", raw.file, "Mail file: a store (.pst), an Outlook item (.msg) or an Internet message (.eml)")
         ->required();
     command.add_option("OUT", raw.out, "PNG file to write")->required();
-    command.add_option("SIZE", raw.size, "Pixels of the picture's longer side")->required()->check(CLI::Range(1, 4096));
+    command.add_option("SIZE", raw.size, "Pixels of the picture's longer side")->required()->check(wholeNumber(1, 4096));
     command.add_option("--timeout", raw.thumbnailTimeout, "Seconds that it may take")
-        ->check(CLI::Range(1, 86400))
+        ->check(wholeNumber(1, 86400))
         ->capture_default_str();
 }
 
@@ -266,6 +278,7 @@ CommandLine complete(const RawOptions& raw, const CLI::App& info, const CLI::App
     job.messageNumber = raw.message;
     job.plainTextOnly = raw.plainText;
     job.strict = raw.strict;
+    job.completed = !document.parsed() || raw.asShown;
     // Some pictures are too small to travel inside a document, so what is laid out travels through files. A document that is
     // written stays in one piece unless its files are asked for.
     const bool usesFiles = raw.tempFiles || (!document.parsed() && !raw.noTempFiles);
@@ -303,6 +316,9 @@ std::variant<CommandLine, ListRequest, ExportRequest, EarlyExit> parseCommandLin
     for (CLI::App* command : {info, document, render}) {
         addCommonOptions(*command, raw);
     }
+    CLI::Option* asShown = document->add_flag(
+        "--as-shown", raw.asShown, "The document of what is shown, where that is a copy with all text in the right characters");
+    asShown->excludes("--strict");
     document
         ->add_option("-o,--output", raw.out, "File, or directory for an HTML document with --temp-files; else standard output")
         ->type_name("FILE");
@@ -315,6 +331,10 @@ std::variant<CommandLine, ListRequest, ExportRequest, EarlyExit> parseCommandLin
     addThumbnailOptions(*thumbnail, raw);
     describeForPeople(app);
     try {
+        const auto isFirstWord = [argv](const CLI::App* command) { return command->check_name(argv[1]); };
+        if (argc > 1 && *argv[1] != '-' && std::ranges::none_of(app.get_subcommands({}), isFirstWord)) {
+            refuse("There is no command " + printableName(argv[1]));
+        }
         app.parse(argc, argv);
         if (list->parsed()) {
             return completeList(raw);

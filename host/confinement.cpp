@@ -1,22 +1,38 @@
 #include "confinement.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <new>
+#include <string_view>
+#include <system_error>
 
 #include "sanitized.h"
+#include "service/system_call_filter.h"
 
 namespace ternview {
 namespace {
 
 constexpr rlim_t kMemoryLimit = rlim_t{2} << 30;
 constexpr rlim_t kFileLimit = rlim_t{1} << 30;
+
+// What a mail may take when nobody asks for more, and how much of it one of a megabyte needs at most.
+constexpr std::chrono::seconds kUsualTimeLimit{60};
+constexpr double kSecondsOfMegabyte = 10;
+constexpr std::uint64_t kMegabyte = 1'000'000;
+constexpr rlim_t kMemoryOfSmallMail = rlim_t{560} << 20;
+constexpr rlim_t kMemoryOfByte = 12;  // a mail is held in several forms
+
+std::chrono::seconds allowedTime{0};  // of this process; 0: as much as it likes
 
 void setLimit(__rlimit_resource resource, rlim_t soft, rlim_t hard) {
     struct rlimit current {};
@@ -32,6 +48,30 @@ void setLimits() {
 #ifndef TERNVIEW_SANITIZED
     setLimit(RLIMIT_AS, kMemoryLimit, kMemoryLimit);
 #endif
+}
+
+/// Whether anybody was told that there is no wall, which all processes of the program have in common: it is made before any fork.
+/// Nothing when there is no memory for it.
+std::atomic_flag* toldOfMissingWall() {
+    static std::atomic_flag* const flag = [] {
+        void* page = ::mmap(nullptr, sizeof(std::atomic_flag), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        return page != MAP_FAILED ? new (page) std::atomic_flag : nullptr;
+    }();
+    return flag;
+}
+const std::atomic_flag* const kMadeBeforeAnyFork = toldOfMissingWall();
+
+void buildWall() {
+    constexpr std::string_view kMissing =
+        "ternview: this system lets programs give up neither system calls nor the network, so messages are read without that "
+        "wall\n";
+    if (refuseSystemCalls() || leaveNetwork()) {
+        return;
+    }
+    std::atomic_flag* told = toldOfMissingWall();
+    if (told == nullptr || !told->test_and_set()) {
+        [[maybe_unused]] const ssize_t ignored = ::write(STDERR_FILENO, kMissing.data(), kMissing.size());
+    }
 }
 
 /// The program alone reads and writes. What libraries grumble about a stranger's mail is of no use to a reader either, and there
@@ -51,18 +91,36 @@ void closeStandardStreams() {
     }
 }
 
+/// Kernels before 5.9, and containers that were made for them, cannot close many descriptors at once.
+/// @param end behind the last one
+void closeRange(unsigned first, unsigned end) {
+    if (first >= end || ::close_range(first, end - 1, 0) == 0) {
+        return;
+    }
+    std::vector<unsigned> open;
+    std::error_code error;
+    for (auto entry = std::filesystem::directory_iterator("/proc/self/fd", error);
+         !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        open.push_back(static_cast<unsigned>(std::stoul(entry->path().filename())));
+    }
+    for (const unsigned descriptor : open) {
+        if (descriptor >= first && descriptor < end) {
+            ::close(static_cast<int>(descriptor));
+        }
+    }
+}
+
 }  // namespace
 
 void closeAllBut(std::vector<int> kept) {
     std::sort(kept.begin(), kept.end());
-    int first = STDERR_FILENO + 1;
+    unsigned first = STDERR_FILENO + 1;
     for (const int descriptor : kept) {
-        if (descriptor > first) {
-            ::close_range(static_cast<unsigned>(first), static_cast<unsigned>(descriptor - 1), 0);
-        }
-        first = std::max(first, descriptor + 1);
+        const auto number = static_cast<unsigned>(std::max(descriptor, 0));
+        closeRange(first, number);
+        first = std::max(first, number + 1);
     }
-    ::close_range(static_cast<unsigned>(first), ~0U, 0);
+    closeRange(first, ~0U);
 }
 
 void confine(const Confinement& confinement) {
@@ -74,15 +132,35 @@ void confine(const Confinement& confinement) {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails instead
     setLimits();
+    buildWall();
     closeStandardStreams();
     ::setenv("XDG_RUNTIME_DIR", confinement.privateDirectory.c_str(), 1);
 }
 
 void limitProcessorTime(std::chrono::seconds timeLimit) {
+    allowedTime = timeLimit;
     timespec used{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
     // The hard limit stays, so that the soft one can be moved on; nobody handles SIGXCPU, which ends the process.
     setLimit(RLIMIT_CPU, static_cast<rlim_t>(used.tv_sec + timeLimit.count() + 1), RLIM_INFINITY);
+}
+
+void limitProcessorTimeBySize(std::uint64_t bytes, double pageArea) {
+    if (allowedTime == std::chrono::seconds(0) || allowedTime > kUsualTimeLimit) {
+        return;
+    }
+    const double needed = kSecondsOfMegabyte * static_cast<double>(1 + bytes / kMegabyte) * std::max(pageArea, 1.0);
+    timespec used{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    const double seconds = std::min(needed, static_cast<double>(allowedTime.count()));
+    setLimit(RLIMIT_CPU, static_cast<rlim_t>(used.tv_sec) + static_cast<rlim_t>(seconds), RLIM_INFINITY);
+}
+
+void limitMemoryBySize([[maybe_unused]] std::uint64_t bytes) {
+#ifndef TERNVIEW_SANITIZED
+    const rlim_t ofBytes = std::min<std::uint64_t>(bytes, kMemoryLimit / kMemoryOfByte) * kMemoryOfByte;
+    setLimit(RLIMIT_DATA, std::min(kMemoryOfSmallMail + ofBytes, kMemoryLimit), RLIM_INFINITY);
+#endif
 }
 
 }  // namespace ternview

@@ -1,6 +1,7 @@
 #include "explanation.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <string>
 #include <string_view>
@@ -9,6 +10,9 @@ namespace ternview {
 namespace {
 
 constexpr std::size_t kShortestMail = 12;
+constexpr std::array<std::string_view, 10> kFieldsOfMail{
+    "From:",         "Date:",        "Subject:",    "Received:",     "MIME-Version:",
+    "Content-Type:", "Return-Path:", "Message-ID:", "Delivered-To:", "Reply-To:"};
 
 bool hasField(std::string_view head, std::string_view name) {
     const auto sameLetter = [](char a, char b) {
@@ -45,8 +49,7 @@ Failure explainStatus(const MailFile& file, ternkit::Status status) {
         return Failure::kStatus;
     }
     const auto has = [&head](std::string_view name) { return hasField(head, name); };
-    if (!has("From:") && !has("Date:") && !has("Subject:") && !has("Received:") && !has("MIME-Version:") &&
-        !has("Content-Type:")) {
+    if (std::ranges::none_of(kFieldsOfMail, has)) {
         return Failure::kNoMail;
     }
     if (head.find("\r\n") == std::string::npos && head.find('\n') != std::string::npos) {

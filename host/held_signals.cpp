@@ -8,7 +8,10 @@ HeldSignals::HeldSignals() {
     sigset_t held;
     sigemptyset(&held);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&held, signal);
+        struct sigaction current {};
+        if (::sigaction(signal, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) {
+            sigaddset(&held, signal);
+        }
     }
     sigprocmask(SIG_BLOCK, &held, &before_);
     descriptor_ = Descriptor(::signalfd(-1, &held, SFD_CLOEXEC | SFD_NONBLOCK));

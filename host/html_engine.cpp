@@ -8,6 +8,7 @@
 #include "browser/color_glyphs.h"
 #include "export/conversions.h"
 #include "loaders/html_demands.h"
+#include "loaders/installed_fonts.h"
 #include "loaders/pdf_document.h"
 #include "messages.h"
 
@@ -105,6 +106,7 @@ void setBuiltInEngine(BuiltInEngine engine) {
 }
 
 Pages layOutWithChosenEngine(const HandedDocument& document, const PageSetup& setup) {
+    requireFonts();
     if (chosen == HtmlEngine::kChromium) {
         return layOutInBrowser(document, setup, usedBrowser());
     }

@@ -49,6 +49,7 @@ struct Job {
     int resolution = 96;          // dots per inch
     int thumbnailSize = 0;        // pixels of the longer side
     bool strict = false;          // only what the filter itself gives
+    bool completed = true;        // a message that the filter reads, but not as a whole, is completed for it
     bool deliverDocument = true;  // the bytes of the document are wanted, not only their description
 };
 
@@ -105,7 +106,8 @@ enum class Help {
     kCorrected,  // the filter refused it as it came, and was given a corrected copy
     kNoText,     // likewise; the message has no text, and the copy says so
     kPlainText,  // the filter refused it as rich text
-    kLast = kPlainText,
+    kWholeText,  // the filter alone would leave out some of its text, or lose its charset, and was given a copy
+    kLast = kWholeText,
 };
 
 struct TempFile {

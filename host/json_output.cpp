@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <stdexcept>
+#include <utility>
 
 namespace ternview {
 namespace {
@@ -18,10 +19,8 @@ struct HelpName {
 };
 
 constexpr std::array kHelpNames{
-    HelpName{Help::kMbox, "mbox"},
-    HelpName{Help::kCorrected, "corrected"},
-    HelpName{Help::kNoText, "noText"},
-    HelpName{Help::kPlainText, "plainText"},
+    HelpName{Help::kMbox, "mbox"},           HelpName{Help::kCorrected, "corrected"}, HelpName{Help::kNoText, "noText"},
+    HelpName{Help::kPlainText, "plainText"}, HelpName{Help::kWholeText, "wholeText"},
 };
 
 /// @throws std::out_of_range for a name that is none
@@ -29,6 +28,18 @@ Help helpNamed(std::string_view name) {
     const auto found =
         std::find_if(kHelpNames.begin(), kHelpNames.end(), [name](const HelpName& known) { return known.name == name; });
     return found != kHelpNames.end() ? found->help : throw std::out_of_range("help");
+}
+
+/// A number that a process tells which a mail may have taken over. @throws std::out_of_range
+template <typename Number>
+void take(const nlohmann::json& value, Number& target) {
+    const bool isSmall = value.is_number_unsigned()
+                             ? std::in_range<Number>(value.get<std::uint64_t>())
+                             : value.is_number_integer() && std::in_range<Number>(value.get<std::int64_t>());
+    if (!isSmall) {
+        throw std::out_of_range("number");
+    }
+    value.get_to(target);
 }
 
 nlohmann::ordered_json publicFields(const JobResult& result) {
@@ -68,7 +79,25 @@ std::vector<std::string_view> helpNames(const std::vector<Help>& helps) {
 }
 
 std::string resultAsJson(const JobResult& result) {
-    return publicFields(result).dump(2, ' ', false, kReplaceInvalid) + "\n";
+    return printableJson(publicFields(result).dump(2, ' ', false, kReplaceInvalid)) + "\n";
+}
+
+std::string printableJson(std::string_view json) {
+    std::string printable;
+    for (std::size_t at = 0; at < json.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(json[at]);
+        const auto next = static_cast<unsigned char>(at + 1 < json.size() ? json[at + 1] : 0);
+        const bool isLateControl = byte == 0xC2 && next >= 0x80 && next < 0xA0;
+        if (byte == 0x7F || isLateControl) {
+            constexpr std::string_view kDigits = "0123456789abcdef";
+            const unsigned control = isLateControl ? next : byte;
+            printable += {'\\', 'u', '0', '0', kDigits[control >> 4], kDigits[control & 15]};
+            at += isLateControl ? 1 : 0;
+        } else {
+            printable += json[at];
+        }
+    }
+    return printable;
 }
 
 std::string packResult(const JobResult& result) {
@@ -87,28 +116,29 @@ std::optional<JobResult> unpackResult(std::string_view text) {
     try {
         const auto report = nlohmann::json::parse(text);
         JobResult result;
-        report.at("status").get_to(result.status);
-        report.at("loaderStatus").get_to(result.loaderStatus);
-        report.at("resultStatus").get_to(result.resultStatus);
-        report.at("sourceFormat").get_to(result.sourceFormat);
-        report.at("documentFormat").get_to(result.documentFormat);
-        report.at("messageCount").get_to(result.messageCount);
-        report.at("messageIndex").get_to(result.messageIndex);
-        report.at("size").get_to(result.size);
-        report.at("pages").get_to(result.pages);
+        take(report.at("status"), result.status);
+        take(report.at("loaderStatus"), result.loaderStatus);
+        take(report.at("resultStatus"), result.resultStatus);
+        take(report.at("sourceFormat"), result.sourceFormat);
+        take(report.at("documentFormat"), result.documentFormat);
+        take(report.at("messageCount"), result.messageCount);
+        take(report.at("messageIndex"), result.messageIndex);
+        take(report.at("size"), result.size);
+        take(report.at("pages"), result.pages);
         for (const auto& file : report.at("tempFiles")) {
-            result.tempFiles.push_back({file.at("name").get<std::string>(), file.at("size").get<std::uint64_t>()});
+            take(file.at("size"), result.tempFiles.emplace_back(file.at("name").get<std::string>()).size);
         }
         for (const auto& help : report.at("helps")) {
             result.helps.push_back(helpNamed(help.get<std::string>()));
         }
-        report.at("width").get_to(result.width);
-        report.at("height").get_to(result.height);
+        take(report.at("width"), result.width);
+        take(report.at("height"), result.height);
         result.origin.engine = report.value("htmlEngine", "");
         report.at("note").get_to(result.origin.note);
-        report.at("xResolution").get_to(result.xResolution);
-        report.at("yResolution").get_to(result.yResolution);
-        const int failure = report.at("failure").get<int>();
+        take(report.at("xResolution"), result.xResolution);
+        take(report.at("yResolution"), result.yResolution);
+        int failure = 0;
+        take(report.at("failure"), failure);
         if (failure < 0 || failure > static_cast<int>(Failure::kLast)) {
             return std::nullopt;
         }

@@ -13,6 +13,9 @@ namespace ternview {
 /// The object of --json, indented, with a line break behind it.
 std::string resultAsJson(const JobResult& result);
 
+/// JSON with the control characters escaped that it may hold as they are, and that a terminal may take for commands.
+std::string printableJson(std::string_view json);
+
 /// The names by which an object tells what the host did for a message, in the order in which it was done.
 std::vector<std::string_view> helpNames(const std::vector<Help>& helps);
 

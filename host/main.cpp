@@ -1,5 +1,8 @@
 // ternview: the command line of the mail filter's reference host.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <iostream>
 
@@ -17,9 +20,16 @@ OutputPlan planOutput(const CommandLine& line) {
     return {line.out, std::filesystem::path(line.job.file).stem().string()};
 }
 
+struct DiscardAtEnd {
+    OutputFiles& outputs;
+    ~DiscardAtEnd() { outputs.discard(); }
+};
+
 /// Does the job; every failure but a signal ends up in the result.
 JobResult run(const CommandLine& line, OutputFiles& outputs) {
     JobResult result;
+    const HeldSignals signals;  // until all files have their names or are gone
+    const DiscardAtEnd discard{outputs};
     try {
         Services services;
         result = runInWorker(line.job, services, outputs, line.timeLimit);
@@ -75,14 +85,27 @@ int runCommand(const CommandLine& line) {
     return exitCodeOf(result);
 }
 
+/// A standard stream that whoever started the program had closed would give its number to the next file that is opened. It
+/// stays unusable: its place is taken by what cannot be written to, or read from.
+void occupyStandardStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(stream, F_GETFD) < 0) {
+            static_cast<void>(::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));  // the lowest free number
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    occupyStandardStreams();
     const auto parsed = parseCommandLine(argc, argv);
     if (const auto* exit = std::get_if<EarlyExit>(&parsed)) {
         return exit->code;
     }
     std::signal(SIGPIPE, SIG_IGN);  // a reader that went away is a failed write
+    std::signal(SIGXFSZ, SIG_IGN);  // so is a file that may not grow
+    std::signal(SIGCHLD, SIG_DFL);  // ignored, it would let the numbers of processes that ended be given out again
     try {
         if (const auto* list = std::get_if<ListRequest>(&parsed)) {
             return runList(*list);

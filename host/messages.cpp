@@ -69,7 +69,7 @@ constexpr std::array kFailureTexts{
     FailureText{Failure::kNoText, "the message has no text to show", ""},
     FailureText{Failure::kEmptyStore, "the store holds no message", ""},
     FailureText{Failure::kLoader, "the message cannot be shown: %", kTryPlainText},
-    FailureText{Failure::kNoSuchPage, "none of the pages asked for exists: the message has % page(s)", "Choose others with -p."},
+    FailureText{Failure::kNoSuchPage, "none of the pages asked for exists: the message has %", "Choose others with -p."},
     FailureText{Failure::kOutOfMemory, "the message needs more memory than it may have", kTryPlainText},
     FailureText{Failure::kTimeLimit, "the message was not done within the time limit", "Allow more with --timeout SECONDS."},
     FailureText{Failure::kCrash,
@@ -83,7 +83,8 @@ constexpr std::array kFailureTexts{
                 "Name a directory for them with -o DIRECTORY."},
     FailureText{Failure::kFilterMissing, "the mail filter libternmail.so cannot be loaded (%)",
                 "Install the Debian package ternmail, or name the library's file in TERNMAIL_LIBRARY."},
-    FailureText{Failure::kBatchMissing, "the library libternmail_batch.so, which reads all messages of a file, cannot be loaded (%)",
+    FailureText{Failure::kBatchMissing,
+                "the library libternmail_batch.so, which reads all messages of a file, cannot be loaded (%)",
                 "Install the Debian package ternmail, or name the library's file in TERNMAIL_BATCH_LIBRARY."},
     FailureText{Failure::kFontsMissing, "there are no fonts on this system, so no page can be drawn",
                 "Install the Debian package fonts-dejavu-core."},
@@ -116,6 +117,7 @@ std::string fill(std::string_view sentence, std::string_view detail) {
     return text;
 }
 
+/// What the filter says, where its status is all that is known.
 std::string statusSuffix(const JobResult& result) {
     const bool noExportCalled = result.status == 0 && result.failure != Failure::kStatus;
     if (result.status >= ternkit::kOk || noExportCalled) {
@@ -211,9 +213,8 @@ ExitCode exitCodeOf(const JobResult& result) {
 
 std::string failureReason(const JobResult& result) {
     const FailureText* text = textOf(result.failure);
-    return (text != nullptr ? fill(text->sentence, printableName(result.detail))
-                            : "the message cannot be shown: " + std::string(statusMeaning(result.status))) +
-           statusSuffix(result);
+    return text != nullptr ? fill(text->sentence, printableName(result.detail))
+                           : "the message cannot be shown: " + std::string(statusMeaning(result.status)) + statusSuffix(result);
 }
 
 std::string failureMessage(const JobResult& result, const Job& job) {
@@ -253,6 +254,10 @@ std::string helpNote(Help help, const JobResult& result, const Job& job) {
             return file + "the message has no text; its header lines are shown.";
         case Help::kPlainText:
             return file + "the message has no formatted text that can be shown; its plain text is shown.";
+        case Help::kWholeText:
+            return file +
+                   "the mail filter alone would show only a part of the message's text, or wrong characters; a corrected copy is "
+                   "shown.";
     }
     return {};
 }
@@ -265,8 +270,9 @@ std::string describeMessage(const JobResult& result, const Job& job) {
     };
     std::string text = line("File:", printableName(job.file));
     text += line("Source:", formatLine(result.sourceFormat));
-    text += line("Message:", holdsSeveral(result) ? std::to_string(result.messageIndex + 1) + " of " + std::to_string(result.messageCount)
-                                                  : "1 of 1");
+    text += line("Message:", holdsSeveral(result)
+                                 ? std::to_string(result.messageIndex + 1) + " of " + std::to_string(result.messageCount)
+                                 : "1 of 1");
     text += line("Document:", formatLine(result.documentFormat) + ", " + std::to_string(result.size) + " bytes");
     for (const TempFile& file : result.tempFiles) {
         text += line("", printableName(file.name) + ", " + std::to_string(file.size) + " bytes");

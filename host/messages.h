@@ -38,8 +38,8 @@ std::string helpNote(Help help, const JobResult& result, const Job& job);
 /// What `info` prints.
 std::string describeMessage(const JobResult& result, const Job& job);
 
-/// A name fit for a terminal: control characters, line separators, characters that reorder what stands around them, and bytes that
-/// are no UTF-8 become question marks.
+/// A name fit for a terminal: control characters, line separators, characters that reorder what stands around them, and bytes
+/// that are no UTF-8 become question marks.
 std::string printableName(std::string_view name);
 
 }  // namespace ternview

@@ -73,7 +73,8 @@ PendingFile::PendingFile(const Nameless& place) : target_(place.directory) {
 }
 
 void PendingFile::makeTemporary(const fs::path& directory) {
-    temporary_ = (directory / ".ternview-XXXXXX").string();
+    inUse_ = OutputDirectory::use(directory);
+    temporary_ = (directory / kPendingFileName).string();
     descriptor_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
     if (descriptor_ < 0) {
         const int reason = errno;

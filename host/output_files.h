@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "job.h"
+#include "stale_files.h"
 #include "worker_process.h"
 
 namespace ternview {
@@ -42,6 +43,7 @@ private:
     [[noreturn]] void fail(int error) const;
 
     std::filesystem::path target_;
+    std::shared_ptr<const OutputDirectory> inUse_;
     std::string temporary_;  // empty when the target is written to directly
     int descriptor_ = -1;
 };
@@ -62,6 +64,8 @@ public:
 
     /// Lets the files appear under their names; without it none of them does.
     void commit();
+    /// Removes what did not appear.
+    void discard() { files_.clear(); }
     const std::vector<std::filesystem::path>& written() const { return written_; }
 
 private:

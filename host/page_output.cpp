@@ -32,7 +32,8 @@ std::vector<int> wantedPages(const LaidOutDocument& document, const Job& job) {
     std::iota(pages.begin(), pages.end(), 1);
     std::erase_if(pages, [&job](int page) { return !job.pages.contains(page); });
     if (pages.empty()) {
-        throw JobError(Failure::kNoSuchPage, std::to_string(document.pageCount()));
+        const int count = document.pageCount();
+        throw JobError(Failure::kNoSuchPage, std::to_string(count) + (count == 1 ? " page" : " pages"));
     }
     return pages;
 }

@@ -1,5 +1,7 @@
 #include "utf.h"
 
+#include <algorithm>
+
 namespace ternview {
 namespace {
 
@@ -83,6 +85,26 @@ std::string repairedUtf8(std::string_view text) {
         } else {
             appendUtf8(out, kReplacement);
         }
+        text.remove_prefix(step.size);
+    }
+    return out;
+}
+
+bool isNoncharacter(char32_t character) {
+    return (character & 0xFFFE) == 0xFFFE || (character >= 0xFDD0 && character <= 0xFDEF);
+}
+
+std::string drawableUtf8(std::string_view text) {
+    constexpr char kFirstByte = '\xEF';  // of the lowest noncharacter
+    const auto isHigh = [](char c) { return static_cast<unsigned char>(c) >= static_cast<unsigned char>(kFirstByte); };
+    if (std::none_of(text.begin(), text.end(), isHigh)) {
+        return std::string(text);
+    }
+    std::string out;
+    out.reserve(text.size());
+    while (!text.empty()) {
+        const Utf8Step step = readUtf8(text);
+        appendUtf8(out, isNoncharacter(step.character) ? kReplacement : step.character);
         text.remove_prefix(step.size);
     }
     return out;

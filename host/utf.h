@@ -26,6 +26,12 @@ std::string_view beginningOfUtf8(std::string_view text, std::size_t most);
 /// The text with U+FFFD in place of each invalid sequence.
 std::string repairedUtf8(std::string_view text);
 
+/// Whether a character is one that Unicode will never assign. The drawing library takes text with such a character for damaged.
+bool isNoncharacter(char32_t character);
+
+/// Valid UTF-8 with U+FFFD in place of each noncharacter.
+std::string drawableUtf8(std::string_view text);
+
 void appendUtf8(std::string& out, char32_t character);
 
 /// Invalid sequences become U+FFFD.

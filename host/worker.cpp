@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -223,9 +224,18 @@ JobResult callFilter(const FilterModule& module, const MailFile& file, const Job
     return result;
 }
 
+/// In units of what pages have at the usual resolution.
+double pageArea(const Job& job) {
+    constexpr double kUsualResolution = 96;
+    const bool isDrawn = job.command == Command::kRender && job.pageFormat == PageFormat::kPng;
+    return isDrawn ? std::pow(job.resolution / kUsualResolution, 2) : 1;
+}
+
 void showMessage(const Job& job, FrameWriter& out, JobResult& result) {
     result.status = ternkit::kCannotOpen;  // what fltLoad says of such a file; fltInfo needs it open
     const MailFile file(job.file);
+    limitProcessorTimeBySize(file.size(), pageArea(job));
+    limitMemoryBySize(file.size());
     result.status = 0;
     const FilterModule module;
     TbHostSetUiLanguage(job.uiLanguage);

@@ -181,15 +181,19 @@ JobResult WorkerProcess::finished(JobResult result) {
     return result;
 }
 
-void waitForAny(std::vector<pollfd>& watched, std::optional<Clock::time_point> until) {
+Clock::duration waitForAny(std::vector<pollfd>& watched, std::optional<Clock::time_point> until) {
+    constexpr std::int64_t kLongestWait = 1000;  // so that a longer one means that the program was stopped
+    const auto start = Clock::now();
     int milliseconds = -1;
     if (until) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*until - Clock::now()).count();
-        milliseconds = static_cast<int>(std::clamp<std::int64_t>(left, 0, 3'600'000));
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*until - start).count();
+        milliseconds = static_cast<int>(std::clamp<std::int64_t>(left, 0, kLongestWait));
     }
     if (::poll(watched.data(), watched.size(), milliseconds) <= 0) {
         std::for_each(watched.begin(), watched.end(), [](pollfd& descriptor) { descriptor.revents = 0; });
     }
+    const auto late = Clock::now() - start - std::chrono::milliseconds(milliseconds);
+    return until ? std::max(late, Clock::duration::zero()) : Clock::duration::zero();
 }
 
 JobResult runInWorker(const Job& job, Services& services, OutputReceiver& receiver, std::chrono::seconds timeLimit) {
@@ -199,7 +203,7 @@ JobResult runInWorker(const Job& job, Services& services, OutputReceiver& receiv
     while (true) {
         std::vector<pollfd> watched{{worker.descriptor(), POLLIN, 0}, {signals.descriptor(), POLLIN, 0}};
         services.watch(watched);
-        waitForAny(watched, worker.deadline());
+        worker.postpone(waitForAny(watched, worker.deadline()));
         const auto woken = Clock::now();
         signals.check();
         services.attend();

@@ -87,15 +87,16 @@ private:
     std::unique_ptr<Connection> connection_;
 };
 
-/// Waits until one of the descriptors can be read, or until the time has come.
-void waitForAny(std::vector<pollfd>& watched, std::optional<WorkerProcess::Clock::time_point> until);
+/// Waits until one of the descriptors can be read, or until the time has come; it may return before that.
+/// @return for how long the program itself was stopped meanwhile, when it waited for a time
+WorkerProcess::Clock::duration waitForAny(std::vector<pollfd>& watched, std::optional<WorkerProcess::Clock::time_point> until);
 
 /**
  * Does a job in a worker process of its own. Whatever becomes of the worker, this returns, and nothing of it stays behind:
  * no process and no temporary file.
  *
  * @param services lay documents out; they outlive the job, for the next one
- * @param timeLimit how long the worker may take; time in which the program itself is held up writing does not count
+ * @param timeLimit how long the worker may take; time in which the program itself is stopped, or held up writing, does not count
  * @return the worker's result; a worker that crashed or hung gives a result with that failure
  * @throws JobError, whatever the receiver throws, and Interrupted on SIGINT, SIGTERM or SIGHUP
  */

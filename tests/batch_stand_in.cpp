@@ -17,6 +17,8 @@
 #include <ternkit/batch.h>
 #include <ternkit/formats.h>
 
+#include "walled_off.h"
+
 namespace {
 
 using ternkit::BatchMessage;
@@ -102,6 +104,15 @@ Status garbage(const BatchRequest& request) {
     return ternkit::kOk;
 }
 
+/// Tells what it could get at.
+Status lookAround(const BatchRequest& request) {
+    const std::string ways = waysOut();
+    BatchMessage message = soundMessage(0, 1);
+    message.subject = ways.c_str();
+    request.visit(request.userData, &message);
+    return ternkit::kOk;
+}
+
 /// Goes back to a message that was there already.
 Status backwards(const BatchRequest& request) {
     visitSome(request, 2, 5);
@@ -159,8 +170,8 @@ std::string behaviourOf(const BatchRequest& request) {
 
 extern "C" Status TernVisitMessages(const BatchRequest* request) {
     static const std::map<std::string, std::function<Status(const BatchRequest&)>> kBehaviours{
-        {"sound", sound},     {"endless", endless},   {"abort", abortLate},  {"leave", leave},
-        {"hang", hang},       {"memory", fillMemory}, {"garbage", garbage},  {"backwards", backwards},
-        {"hostile", hostile}, {"run", run},           {"unusable", unusable}};
+        {"sound", sound},     {"endless", endless},   {"abort", abortLate},   {"leave", leave},
+        {"hang", hang},       {"memory", fillMemory}, {"garbage", garbage},   {"backwards", backwards},
+        {"hostile", hostile}, {"run", run},           {"unusable", unusable}, {"look", lookAround}};
     return kBehaviours.at(behaviourOf(*request))(*request);
 }

@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <csignal>
 #include <string>
 #include <thread>
 
@@ -20,7 +21,9 @@ namespace ternview {
 template <typename Service>
 class AttendedService {
 public:
-    AttendedService() : thread_([this] { attend(); }) {}
+    AttendedService() : thread_([this] { attend(); }) {
+        std::signal(SIGPIPE, SIG_IGN);  // as in the program: a service that has ended is a failed write
+    }
     ~AttendedService() {
         done_ = true;
         thread_.join();

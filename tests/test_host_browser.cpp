@@ -388,10 +388,10 @@ TEST_F(InBrowser, AnEndedProcessIsOneFailureAndIsStartedAnew) {
     const std::vector<std::vector<std::string>> victims{{"--remote-debugging-pipe"}, {"--type=renderer"}, {"ternview-browser"}};
     for (const auto& victim : victims) {
         EXPECT_EQ(print("<p>warm")->pageCount(), 1);
-        const pid_t service = s_browser->processId();
-        std::thread killer([service, &victim] {
-            ASSERT_TRUE(waitUntil([service] { return !withArguments(service, {"--type=renderer"}).empty(); }));
-            for (const pid_t process : withArguments(service, victim)) {
+        std::thread killer([&victim] {
+            // Another process may have taken the service's place only just now.
+            ASSERT_TRUE(waitUntil([] { return !withArguments(s_browser->processId(), {"--type=renderer"}).empty(); }));
+            for (const pid_t process : withArguments(s_browser->processId(), victim)) {
                 ::kill(process, SIGKILL);
             }
         });
@@ -407,10 +407,12 @@ TEST_F(InBrowser, AnEndedProcessIsOneFailureAndIsStartedAnew) {
 }
 
 TEST_F(InBrowser, NothingIsLeftBehind) {
-    const PrivateDirectory runtime;
+    const PrivateDirectory directory;
+    const fs::path runtime = fs::path(directory.path()) / "runtime";
+    fs::create_directory(runtime);
     const char* before = std::getenv("XDG_RUNTIME_DIR");
     const std::string restored = before != nullptr ? before : "";
-    ::setenv("XDG_RUNTIME_DIR", runtime.path().c_str(), 1);
+    ::setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
     std::vector<pid_t> family;
     for (const bool succeeds : {true, false}) {
         AttendedService<Browser> browser;
@@ -425,7 +427,7 @@ TEST_F(InBrowser, NothingIsLeftBehind) {
         EXPECT_TRUE(!succeeds || !more.empty());
     }
     EXPECT_TRUE(std::all_of(family.begin(), family.end(), hasEnded));
-    EXPECT_TRUE(fs::is_empty(runtime.path()));
+    EXPECT_TRUE(fs::is_empty(runtime));
     before != nullptr ? ::setenv("XDG_RUNTIME_DIR", restored.c_str(), 1) : ::unsetenv("XDG_RUNTIME_DIR");
 }
 

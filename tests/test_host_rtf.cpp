@@ -181,6 +181,20 @@ TEST_F(RtfLoader, TextOfEveryScriptArrives) {
     }
 }
 
+TEST_F(RtfLoader, BulletsOfEastAsianDocumentsAreBullets) {
+    const auto list = [](const std::string& page) {
+        const std::string item = "\\pard{\\*\\pn\\pnlvlblt\\pnf1\\pnindent0{\\pntxtb\\'b7}}\\fi-380\\li380 one\\par";
+        return "{\\rtf1\\ansi\\ansicpg" + page + "\\deff0{\\fonttbl{\\f0\\fcharset0 Arial;}{\\f1\\fcharset2 Symbol;}}" + item +
+               "}";
+    };
+    const std::string bullet = "\uF0B7";
+    for (const char* page : {"932", "950"}) {
+        const auto laidOut = layOutRtf(guardRtf(list(page), kPaper), kPaper);
+        const std::string text = textOfPdf(*laidOut, root_);
+        EXPECT_NE(text.find(bullet), std::string::npos) << page << ": " << text;
+    }
+}
+
 TEST_F(RtfLoader, PagesFollowTheDocumentAndThePaper) {
     const auto three = layOutRtf(rtf("one\\page two\\page three"), kPaper);
     ASSERT_EQ(three->pageCount(), 3);

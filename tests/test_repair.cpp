@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -35,6 +36,7 @@ struct RefusedCase {
 };
 
 constexpr char kCorrectedNote[] = "a corrected copy of it is shown";
+constexpr char kAllNote[] = "or wrong characters; a corrected copy is shown";
 constexpr char kNoTextNote[] = "the message has no text; its header lines are shown";
 
 std::vector<RefusedCase> refusedMessages() {
@@ -95,6 +97,33 @@ std::vector<RefusedCase> refusedMessages() {
          {"Привет &lt;1&gt;", "<meta charset=\"utf-8\">", "<p>zażółć</p>"},
          {"iso-8859-2"},
          kCorrectedNote},
+        {"a boundary that no part has",
+         header("Lunch") +
+             "Content-Type: multipart/mixed; boundary=\"x\"\r\n\r\n--'b'\r\nContent-Type: text/plain\r\n\r\nSee you.\r\n",
+         {"See you."},
+         {"text/plain"},
+         kCorrectedNote},
+        {"no Content-Type worth the name",
+         header("Lunch") + "Content-Type: text\r\nContent-Transfer-Encoding: base64\r\n\r\nU2VlIHlvdS4=\r\n",
+         {"See you."},
+         {},
+         kCorrectedNote},
+        {"no blank line behind the header block",
+         header("Lunch") + "See you at noon.\r\nBring: cake\r\n",
+         {"See you at noon.", "Bring: cake"},
+         {"(This"},
+         kCorrectedNote},
+        {"a subject like a field about content",
+         "From: Anna <anna@example.org>\nSubject: boundary=x; charset=koi8-r; Content-Type: none\n\nGrüße.\n",
+         {"Subject:\tboundary=x; charset=koi8-r; Content-Type: none", "Grüße."},
+         {},
+         kCorrectedNote},
+        {"a start tag of the body without end",
+         header("Open") + "Content-Type: text/html\r\n\r\n<p>first</p><body\r\n",
+         {"<p>first</p>"},
+         {},
+         kCorrectedNote},
+        {"no field that is shown", "Received: from a by b\n\nSee you.\n", {"See you."}, {"Received"}, kCorrectedNote},
         {"eight-bit header field",
          "From: J\xC3\xBCrgen <j@example.org>\nSubject: =?utf-8?Q?Gr=C3=BC=C3=9Fe?= an\n alle\n\nHallo.\n",
          {"Jürgen <j@example.org>", "Grüße an alle", "Hallo."},
@@ -122,6 +151,95 @@ TEST_F(Repair, RefusedInternetMessagesAreShown) {
         EXPECT_NE(outcome.err.find(refused.note), std::string::npos) << outcome.err;
         EXPECT_EQ(run("document mail.eml --quiet").err, "");
     }
+}
+
+TEST_F(Repair, TextThatTheFilterWouldLeaveOutIsShown) {
+    const std::string plain = "--b\r\nContent-Type: text/plain\r\n\r\nfirst <1>\r\n";
+    const std::string rich = "--b\r\nContent-Type: text/html\r\n\r\n<p>rich</p>\r\n";
+    const auto attached = [](const std::string& type) {
+        return "--b\r\nContent-Type: text/" + type + "\r\nContent-Disposition: attachment; filename=x\r\n\r\nattached\r\n";
+    };
+    const auto multipart = [](const std::string& kind, const std::string& parts) {
+        return header("Parts") + "Content-Type: multipart/" + kind + "; boundary=\"b\"\r\n\r\n" + parts + "--b--\r\n";
+    };
+    const auto utf16 = [](const std::string& text) {
+        std::string bytes = "\xFF\xFE";
+        for (const char c : text) {
+            bytes += {c, '\0'};
+        }
+        return bytes;
+    };
+    std::string returns = multipart("mixed", plain);
+    std::erase(returns, '\n');
+    const std::string signature = "--b\r\nContent-Type: text/plain\r\n\r\nof the list\r\n";
+    const std::vector<RefusedCase> cases{
+        {"two plain texts", multipart("mixed", plain + signature), {"first <1>", "of the list"}, {}, kAllNote},
+        {"HTML and a plain text", multipart("mixed", rich + signature), {"<p>rich</p>", "of the list"}, {}, kAllNote},
+        {"text before an attached one", multipart("mixed", plain + attached("plain")), {"first <1>"}, {"attached"}, kAllNote},
+        {"text before attached HTML", multipart("mixed", plain + attached("html")), {"first <1>"}, {"attached"}, kAllNote},
+        {"empty HTML",
+         multipart("alternative", plain + "--b\r\nContent-Type: text/html\r\n\r\n<head><title>x</title></head><p>&nbsp;</p>\r\n"),
+         {"first <1>"},
+         {"nbsp"},
+         kAllNote},
+        {"a charset that so few words do not tell",
+         header("Short") + "Content-Type: text/plain; charset=euc-kr\r\n\r\n\xBE\xC8\xB3\xE7\xC7\xCF\xBC\xBC\xBF\xE4\r\n",
+         {"안녕하세요"},
+         {},
+         kAllNote},
+        {"HTML that declares another charset than its part",
+         header("Meta") + "Content-Type: text/html; charset=utf-8\r\n\r\n<meta charset=iso-8859-1><p>Grüße</p>\r\n",
+         {"<meta charset=utf-8>", "Grüße"},
+         {},
+         kAllNote},
+        {"nothing to mend: UTF-8 whatever the part declares",
+         header("Wrong") + "Content-Type: text/plain; charset=iso-8859-15\r\n\r\nGrüße\r\n",
+         {"Grüße"},
+         {},
+         ""},
+        {"byte order mark", "\xEF\xBB\xBF" + multipart("mixed", plain), {"anna@example.org", "first <1>"}, {}, kCorrectedNote},
+        {"blank lines in front",
+         "\n\n" + withLineFeeds(multipart("mixed", plain)),
+         {"anna@example.org", "first <1>"},
+         {},
+         kCorrectedNote},
+        {"UTF-16", utf16(multipart("mixed", plain)), {"anna@example.org", "first <1>"}, {}, kCorrectedNote},
+        {"lines that end in CR", returns, {"anna@example.org", "first <1>"}, {}, kCorrectedNote},
+        {"nothing to mend: alternatives", multipart("alternative", plain + rich), {"<p>rich</p>"}, {"first"}, ""},
+        {"nothing to mend: frames",
+         multipart("related; start=\"<r>\"",
+                   "--b\r\nContent-Type: text/html\r\n\r\n<p>frame</p>\r\n"
+                   "--b\r\nContent-ID: <r>\r\nContent-Type: text/html\r\n\r\n<p>root</p>\r\n"),
+         {"<p>root</p>"},
+         {"frame"},
+         ""},
+    };
+    for (const RefusedCase& each : cases) {
+        SCOPED_TRACE(each.name);
+        write("mail.eml", each.message);
+        const Outcome strict = run("document mail.eml --strict");
+        const Outcome outcome = run("document mail.eml --as-shown");
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+        EXPECT_EQ(strict.out == outcome.out, *each.note == '\0');
+        if (strict.exitCode == 0) {
+            EXPECT_EQ(run("document mail.eml").out, strict.out) << "what the filter reads stays exactly as the filter gives it";
+        }
+        for (const std::string& text : each.shown) {
+            EXPECT_NE(outcome.out.find(text), std::string::npos) << text << " is missing in\n" << outcome.out;
+        }
+        for (const std::string& text : each.hidden) {
+            EXPECT_EQ(outcome.out.find(text), std::string::npos) << text << " stands in\n" << outcome.out;
+        }
+        EXPECT_EQ(outcome.err.empty(), *each.note == '\0');
+        EXPECT_NE(outcome.err.find(each.note), std::string::npos) << outcome.err;
+    }
+    write("mail.eml", cases[0].message);
+    EXPECT_EQ(json::parse(run("list mail.eml --json").out)["helps"], json({"wholeText"}));
+    EXPECT_EQ(run("export mail.eml -o out --format txt --quiet").exitCode, 0);
+    const auto names = files(work("out"));
+    EXPECT_TRUE(std::any_of(names.begin(), names.end(), [this](const std::string& name) {
+        return name.ends_with(".txt") && readFile(work("out") / name).find("of the list") != std::string::npos;
+    }));
 }
 
 TEST_F(Repair, PicturesOfARefusedMessageTravelWithIt) {
@@ -172,7 +290,8 @@ TEST_F(Repair, AnMboxIsShownMessageByMessage) {
     const std::string first = "From anna@example.org Tue Mar  5 09:07:00 2024\n" + withLineFeeds(header("One")) +
                               "Content-Type: text/plain\n\nfirst\n>From here on\nFrom now on, 10:20 in 2024\n\n";
     const std::string second =
-        "From bob@example.org Wed Mar  6 10:00:00 2024\r\n" + header("Two") + "Content-Type: text/plain\r\n\r\nsecond\r\n\r\n";
+        "From bob@example.org Wed Mar  6 10:00:00 2024\r\n" + header("Two") + "Content-Type: text/plain\r\n\r\nsecond\r\n";
+    // A separator line that is beyond doubt needs no blank line in front.
     const std::string third = "From - Wed Mar  6 10:00:01 2024\nSubject: Three\nFrom: c@example.org\n\nthird\n";
     write("mail.mbox", first + second + third);
 

@@ -86,6 +86,11 @@ TEST_F(Ternview, DocumentGoesToStandardOutputOrAFileUnchanged) {
     const Outcome full = run("document mail.eml", R"(sh -c '"$0" "$@" > /dev/full')");
     EXPECT_EQ(full.exitCode, 1);
     EXPECT_NE(full.err.find("standard output"), std::string::npos) << full.err;
+    for (const char* command : {"document mail.eml", "list mail.eml", "export mail.eml -o pages --json"}) {
+        const Outcome closed = run(command, R"(timeout 30 sh -c '"$0" "$@" <&- >&-')");
+        EXPECT_EQ(closed.exitCode, 1) << command;
+        EXPECT_NE(closed.err.find("standard output"), std::string::npos) << closed.err;
+    }
 }
 
 TEST_F(Ternview, TemporaryFilesOfAnHtmlDocumentComeWithTheirNames) {
@@ -169,6 +174,7 @@ TEST_F(Ternview, FailuresAreOneSentence) {
     write("short.eml", "From: a");
     write("noise.eml", std::string(5000, '\x01'));
     write("textless.eml", "From: a@example.org\r\nSubject: x\r\nContent-Type: image/png\r\n\r\nabc\r\n");
+    write("damaged.pst", "!BDN" + std::string(5000, '\x01'));
     write("good.eml", textMail("hello\r\n"));
     fs::create_directory(work("directory"));
     const std::set<std::string> before = files(work());
@@ -177,14 +183,15 @@ TEST_F(Ternview, FailuresAreOneSentence) {
         const char* options;
         const char* words;
     } const cases[] = {
-        {"missing.eml", "", "there is no such file"},
+        {"missing.eml", "", "there is no such file. "},
         {"directory", "", "is a directory"},
         {"/dev/null", "", "a device or a pipe"},
         {"empty.eml", "", "is empty"},
         {"short.eml", "", "fewer than 12 bytes"},
         {"noise.eml", "", "is no mail"},
-        {"textless.eml", "--strict", "no text to show"},
-        {"good.eml", "-p 7", "none of the pages"},
+        {"textless.eml", "--strict", "no text to show.\n"},
+        {"damaged.pst", "", "nothing to show (status -9). "},
+        {"good.eml", "-p 7", "the message has 1 page. "},
         {"good.eml", "-o nowhere/x.png", "cannot be written"},
         {"good.eml", "-o directory/../directory/x.png/y.png", "cannot be written"},
     };
@@ -216,9 +223,16 @@ TEST_F(Ternview, WrongUsageAndMissingPartsHaveTheirExitCodes) {
          {"--help", "--version", "info mail.eml --lang 0x0407", "info mail.eml --lang de_DE.UTF-8 --strict"}) {
         EXPECT_EQ(run(arguments).exitCode, 0) << arguments;
     }
-    const Outcome missing = run("info mail.eml", "TERNMAIL_LIBRARY=/nowhere/libternmail.so");
-    EXPECT_EQ(missing.exitCode, 3);
-    EXPECT_NE(missing.err.find("Debian package"), std::string::npos);
+    EXPECT_NE(run("info mail.eml -m abc").err.find("--message: abc is no whole number from 1 to"), std::string::npos);
+    write("page.eml", "Subject: x\r\nContent-Type: text/html\r\n\r\n<html><body>hello</body></html>\r\n");
+    write("fonts.conf", "<fontconfig/>");
+    for (const char* part : {"TERNMAIL_LIBRARY=/nowhere/libternmail.so", "FONTCONFIG_FILE=\"$PWD/fonts.conf\""}) {
+        for (const char* file : {"mail.eml", "page.eml"}) {
+            const Outcome missing = run(std::string("info ") + file, part);
+            EXPECT_EQ(missing.exitCode, 3) << part << missing.out;
+            EXPECT_NE(missing.err.find("Debian package"), std::string::npos) << missing.err;
+        }
+    }
 }
 
 TEST_F(Ternview, FileNamesNeedNotBeText) {

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "descriptor.h"
+#include "service/system_call_filter.h"
 
 namespace ternview {
 namespace {
@@ -100,18 +101,8 @@ bool splitOff() {
     return true;
 }
 
-bool writeFile(const char* path, const std::string& text) {
-    const Descriptor file(::open(path, O_WRONLY | O_CLOEXEC));
-    return ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
-}
-
 bool enterNamespaces() {
-    const uid_t user = ::geteuid();
-    const gid_t group = ::getegid();
-    const auto itself = [](unsigned id) { return std::to_string(id) + " " + std::to_string(id) + " 1"; };
-    return ::unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET | CLONE_NEWIPC | CLONE_NEWUTS) == 0 &&
-           writeFile("/proc/self/setgroups", "deny") && writeFile("/proc/self/gid_map", itself(group)) &&
-           writeFile("/proc/self/uid_map", itself(user));
+    return enterUserNamespace(CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET | CLONE_NEWIPC | CLONE_NEWUTS);
 }
 
 // ---- the files
@@ -265,8 +256,9 @@ std::string enterBrowserSandbox(const std::string& browserDirectory) {
 }
 
 std::string confineWithoutNamespaces(const std::string& directory) {
-    if (::geteuid() == 0 && ::chown(directory.c_str(), kNobody, kNobody) != 0) {
-        return because(directory + " cannot change its owner");
+    // It stays root's, or nobody would remove it if the program were killed.
+    if (::geteuid() == 0 && (::chown(directory.c_str(), 0, kNobody) != 0 || ::chmod(directory.c_str(), S_IRWXU | S_IRWXG) != 0)) {
+        return because(directory + " cannot change its group");
     }
     if (!becomeOrdinary()) {
         return because("root's rights cannot be given up");

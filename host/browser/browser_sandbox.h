@@ -21,7 +21,7 @@ std::string enterBrowserSandbox(const std::string& browserDirectory);
 
 /**
  * The little that can be done where there are no user namespaces: no new privileges, limits, and root becomes an ordinary user,
- * to whom the directory goes over.
+ * whose group gets the directory.
  *
  * @return as above
  */

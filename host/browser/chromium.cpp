@@ -13,13 +13,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace ternview {
 namespace {
 
-constexpr std::uint64_t kMemoryLimit = std::uint64_t{3} << 29;  // 1.5 GiB
+constexpr std::uint64_t kMemoryLimit = std::uint64_t{1} << 30;
+constexpr std::uint64_t kMemoryLimitOfProcess = std::uint64_t{560} << 20;
 constexpr std::size_t kMostProcesses = 1000;
 // Where the browser expects its pipe.
 constexpr int kCommands = 3;
@@ -123,6 +126,20 @@ void appendChildren(const std::string& process, std::vector<std::string>& family
     }
 }
 
+/// The 14th and 15th field of "stat"; the second one, the name, may hold anything in its parentheses.
+std::uint64_t processorTicks(const std::string& process) {
+    std::ifstream file("/proc/" + process + "/stat");
+    const std::string stat{std::istreambuf_iterator<char>(file), {}};
+    std::istringstream fields(stat.substr(std::min(stat.rfind(')'), stat.size())));
+    std::string skipped;
+    for (int field = 2; field < 14; ++field) {
+        fields >> skipped;
+    }
+    std::uint64_t user = 0;
+    std::uint64_t system = 0;
+    return fields >> user >> system ? user + system : 0;
+}
+
 }  // namespace
 
 Chromium::Chromium(const Options& options) {
@@ -136,12 +153,7 @@ Chromium::Chromium(const Options& options) {
     if (process_ < 0) {
         throw BrowserFailure(BrowserFailure::Kind::kGone, std::string("it does not start: ") + std::strerror(errno));
     }
-    const auto watch = [process = process_] {
-        if (memoryOfFamily(process) > kMemoryLimit) {
-            throw BrowserFailure(BrowserFailure::Kind::kOutOfMemory, "it needs more memory than it may have");
-        }
-    };
-    devTools_ = std::make_unique<DevTools>(std::move(toBrowser), std::move(fromBrowser), watch);
+    devTools_ = std::make_unique<DevTools>(std::move(toBrowser), std::move(fromBrowser), [this] { watch(); });
 }
 
 Chromium::~Chromium() {
@@ -150,11 +162,28 @@ Chromium::~Chromium() {
     }
 }
 
-std::uint64_t memoryOfFamily(pid_t process) {
+void Chromium::limitProcessorTime(std::chrono::seconds limit) {
+    mostTime_ = figuresOfFamily(process_).processor + limit;
+}
+
+void Chromium::watch() const {
+    const FamilyFigures figures = figuresOfFamily(process_);
+    if (figures.memory > kMemoryLimit || figures.largest > kMemoryLimitOfProcess) {
+        throw BrowserFailure(BrowserFailure::Kind::kOutOfMemory, "it needs more memory than it may have");
+    }
+    if (figures.processor > mostTime_) {
+        throw BrowserFailure(BrowserFailure::Kind::kTimeOver, "it takes too long");
+    }
+}
+
+FamilyFigures figuresOfFamily(pid_t process) {
     const auto pageSize = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
     std::vector<std::string> family{std::to_string(process)};
+    const auto ticksPerSecond = static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
+    std::uint64_t ticks = 0;
     std::uint64_t own = 0;
     std::uint64_t shared = 0;
+    std::uint64_t largest = 0;
     for (std::size_t i = 0; i < family.size(); ++i) {
         const std::string member = family[i];
         appendChildren(member, family);
@@ -164,9 +193,11 @@ std::uint64_t memoryOfFamily(pid_t process) {
         if (std::ifstream("/proc/" + member + "/statm") >> all >> resident >> residentShared) {
             own += resident - std::min(resident, residentShared);
             shared = std::max(shared, residentShared);
+            largest = std::max(largest, resident);
         }
+        ticks += processorTicks(member);
     }
-    return (own + shared) * pageSize;
+    return {(own + shared) * pageSize, largest * pageSize, std::chrono::milliseconds(ticks * 1000 / ticksPerSecond)};
 }
 
 }  // namespace ternview

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -27,13 +28,23 @@ public:
     Chromium& operator=(const Chromium&) = delete;
 
     DevTools& devTools() { return *devTools_; }
+    /// Limits the processor time that it may take from now on; a call of its DevTools then ends as one that takes too long.
+    void limitProcessorTime(std::chrono::seconds limit);
 
 private:
+    void watch() const;
+
     pid_t process_ = 0;
+    std::chrono::milliseconds mostTime_ = std::chrono::milliseconds::max();
     std::unique_ptr<DevTools> devTools_;
 };
 
-/// The memory in bytes that a process and all its descendants hold; what they share with each other counts once.
-std::uint64_t memoryOfFamily(pid_t process);
+/// What a process and all its descendants take.
+struct FamilyFigures {
+    std::uint64_t memory = 0;                // bytes; what they share with each other counts once
+    std::uint64_t largest = 0;               // bytes, of one of them
+    std::chrono::milliseconds processor{0};  // of those that live
+};
+FamilyFigures figuresOfFamily(pid_t process);
 
 }  // namespace ternview

@@ -6,6 +6,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <csignal>
@@ -55,6 +56,16 @@ std::optional<Request> parseRequest(std::string_view label) {
         return std::nullopt;
     }
     return Request{std::chrono::seconds(static_cast<int>(seconds)), {width, height, margin}};
+}
+
+/// A page that takes longer than its size explains was made to; but whoever allows more time than usual gets it.
+std::chrono::seconds processorTime(std::size_t bytes, std::chrono::seconds timeLimit) {
+    constexpr std::chrono::seconds kUsualTimeLimit{60};
+    constexpr std::chrono::seconds kSmallPage{10};
+    constexpr std::size_t kBytesPerSecond = 1'000'000;  // of what is more than small
+    constexpr std::size_t kSmallBytes = 8'000'000;
+    const auto more = static_cast<int>((std::max(bytes, kSmallBytes) - kSmallBytes) / kBytesPerSecond);
+    return timeLimit > kUsualTimeLimit ? timeLimit : std::min(timeLimit, kSmallPage + std::chrono::seconds(more));
 }
 
 /// What the process does from its first page to its last one.
@@ -129,6 +140,7 @@ private:
             chromium_->devTools().call("Browser.getVersion");
         }
         chromium_->devTools().setDeadline(DevTools::Clock::now() + request.timeLimit);
+        chromium_->limitProcessorTime(processorTime(html.size(), request.timeLimit));
         return printPage(chromium_->devTools(), html, request.setup);
     }
 

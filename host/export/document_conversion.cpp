@@ -7,16 +7,19 @@
 
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <new>
 
+#include "confinement.h"
 #include "conversions.h"
 #include "descriptor.h"
 #include "html_engine.h"
 #include "json_output.h"
 #include "loaders.h"
+#include "loaders/installed_fonts.h"
 #include "page_output.h"
 
 namespace ternview {
@@ -92,6 +95,8 @@ void convertDocument(const ConversionTask& task, FrameWriter& out) {
     JobResult result;
     guarded(result, [&] {
         const std::string bytes = readDocument(task.document);
+        limitProcessorTimeBySize(bytes.size(), task.format == ExportFormat::kPng ? std::pow(task.resolution / 96.0, 2) : 1);
+        limitMemoryBySize(bytes.size());
         const bool isHtml = task.documentFormat == ternkit::kFormatHtml;
         const HandedDocument document{task.documentFormat, bytes, isHtml ? std::optional(task.document) : std::nullopt};
         if (task.format == ExportFormat::kPdf || task.format == ExportFormat::kPng) {
@@ -106,10 +111,8 @@ void convertDocument(const ConversionTask& task, FrameWriter& out) {
 void prepareConversions(ExportFormat format) {
     // Pango would begin threads of its own, which no fork takes along; fontconfig does not.
     FcInit();
-    const FcFontSet* fonts = FcConfigGetFonts(nullptr, FcSetSystem);
-    const bool needsFonts = format == ExportFormat::kPdf || format == ExportFormat::kPng;
-    if (needsFonts && (fonts == nullptr || fonts->nfont == 0)) {
-        throw JobError(Failure::kFontsMissing);
+    if (format == ExportFormat::kPdf || format == ExportFormat::kPng) {
+        requireFonts();
     }
 }
 

@@ -12,6 +12,7 @@
 #include "exporter.h"
 #include "held_signals.h"
 #include "index_page.h"
+#include "json_output.h"
 #include "mailbox/mail_files.h"
 #include "messages.h"
 #include "output_files.h"
@@ -141,7 +142,7 @@ private:
             tellFailures();
         }
         if (request_.json) {
-            writeStandardOutput(summary().dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n");
+            writeStandardOutput(printableJson(summary().dump(2, ' ', false, ordered_json::error_handler_t::replace)) + "\n");
         } else if (!request_.quiet) {
             writeStandardOutput(sentence());
         }

@@ -281,7 +281,9 @@ void Exporter::waitForWork(const HeldSignals& signals) {
     if (progress_.isShown()) {
         earlier(Clock::now() + kProgressInterval);
     }
-    waitForAny(watched, until);
+    const auto stopped = waitForAny(watched, until);
+    reader_->postpone(stopped);
+    pool_->postpone(stopped);
     const auto woken = Clock::now();
     signals.check();
     reader_->attend(*this);

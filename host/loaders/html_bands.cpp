@@ -23,7 +23,7 @@ double rightOf(const DisplayItem& item) {
 /// The bands, from above down: between tops that no item crosses.
 std::vector<Band> bandsOf(const DisplayItems& items, std::vector<double> tops) {
     std::ranges::sort(tops);
-    tops.erase(std::ranges::unique(tops).begin(), tops.end());
+    tops.erase(std::unique(tops.begin(), tops.end()), tops.end());
     std::vector<std::ptrdiff_t> crossings(tops.size() + 1);  // as differences from one top to the next
     for (const DisplayItem& item : items) {
         const auto first = std::ranges::upper_bound(tops, item.box.y) - tops.begin();

@@ -1,5 +1,6 @@
 #include "html_charset.h"
 
+#include "loaders/text_encoding.h"
 #include "utf.h"
 
 #include <iconv.h>
@@ -65,8 +66,9 @@ std::string lowered(std::string_view text) {
     return result;
 }
 
-/// The iconv name for a name from the web, where some names mean the superset that mail programs really write.
-std::string iconvName(std::string_view declared) {
+}  // namespace
+
+std::string webCharset(std::string_view declared) {
     struct Alias {
         std::string_view label;
         const char* name;
@@ -87,6 +89,8 @@ std::string iconvName(std::string_view declared) {
     return label.starts_with("windows-") ? "CP" + label.substr(8) : label;
 }
 
+namespace {
+
 /// Encodings that a declaration readable as ASCII cannot be telling the truth about, and UTF-7, which no browser accepts.
 bool impossibleDeclaration(const std::string& label) {
     return label.empty() || label.starts_with("utf-16") || label.starts_with("utf-32") || label.starts_with("utf-7") ||
@@ -99,8 +103,8 @@ bool impossibleDeclaration(const std::string& label) {
 std::string declaredCharset(std::string_view bytes) {
     const std::string head = lowered(bytes.substr(0, kDeclarationRange));
     for (std::size_t meta = head.find("<meta"); meta != std::string::npos; meta = head.find("<meta", meta + 5)) {
-        const std::string_view tag =
-            std::string_view(head).substr(meta, std::min(head.find('>', meta) - meta, std::size_t{1024}));
+        const std::string_view longest = std::string_view(head).substr(meta, 1024);
+        const std::string_view tag = longest.substr(0, longest.find('>'));
         std::size_t at = tag.find("charset");
         if (at == std::string_view::npos) {
             continue;
@@ -216,11 +220,13 @@ DecodedHtml decodeHtml(std::string_view bytes) {
     DecodedHtml result;
     if (!tryByteOrderMark(bytes, result)) {
         const std::string declared = declaredCharset(bytes);
-        const std::string name = impossibleDeclaration(declared) ? std::string() : iconvName(declared);
+        const std::string name = impossibleDeclaration(declared) ? std::string() : webCharset(declared);
         const bool usable = !name.empty() && name != "utf-8" && name != "UTF-8" && tryCharset(bytes, name, result);
-        if (!usable && !tryUtf8(bytes, result)) {
+        if (!usable && hasJapaneseEscapes(bytes)) {
+            tryCharset(bytes, "ISO-2022-JP-2", result);
+        } else if (!usable && !tryUtf8(bytes, result)) {
             const std::string detected = detectedCharset(bytes);
-            if (detected.empty() || !tryCharset(bytes, iconvName(detected), result)) {
+            if (detected.empty() || !tryCharset(bytes, webCharset(detected), result)) {
                 tryCharset(bytes, "CP1252", result);
             }
         }

@@ -24,4 +24,7 @@ DecodedHtml decodeHtml(std::string_view bytes);
 /// The text (UTF-8) in another encoding; nothing when it cannot be written in it.
 std::optional<std::string> encodeText(std::string_view text, const std::string& charset);
 
+/// The iconv name for a name from the web or from mail, where some names mean the superset that mail programs really write.
+std::string webCharset(std::string_view declared);
+
 }  // namespace ternview

@@ -15,6 +15,9 @@ constexpr int kMaxMediaNesting = 2;
 constexpr std::size_t kMaxSelectorLength = 300;
 constexpr std::size_t kMaxRules = 20000;
 constexpr double kSelectorBudget = 2e8;      // comparisons for one selector at its worst
+constexpr double kComparisonBudget = 4e7;    // of all selectors, by what their parts can apply to
+constexpr double kConditionCost = 8;         // of one on an attribute, in comparisons of names
+constexpr double kCountedSiblingCost = 0.1;  // for conditions on a place among siblings
 constexpr std::size_t kMaxCopies = 600'000;  // of declarations, one for each element that has them
 constexpr double kSheetBudget = 2e7;         // elements times selectors
 
@@ -122,6 +125,73 @@ std::size_t possibleMatches(std::string_view selector, const ElementCounts& coun
     return name.empty() || name == "." || counts.size() >= kMaxElementCounts ? elements : 0;
 }
 
+struct SelectorPart {
+    std::string_view text;
+    char combinator;  // in front of it: ' ', '>', '+' or '~'
+};
+
+/// @return nothing when brackets or quotes are not in pairs
+std::vector<SelectorPart> partsOf(std::string_view selector) {
+    std::vector<SelectorPart> parts;
+    char combinator = ' ';
+    std::size_t start = std::string_view::npos;
+    int brackets = 0;
+    for (std::size_t at = 0; at <= selector.size(); ++at) {
+        const char c = at < selector.size() ? selector[at] : ' ';
+        const bool divides = brackets == 0 && (isSpace(c) || c == '>' || c == '+' || c == '~');
+        if (!divides) {
+            start = std::min(start, at);
+            brackets += c == '[' || c == '(' ? 1 : c == ']' || c == ')' ? -1 : 0;
+            if (c == '"' || c == '\'') {
+                at = selector.find(c, at + 1);
+                if (at == std::string_view::npos) {
+                    return {};
+                }
+            }
+            continue;
+        }
+        if (start != std::string_view::npos) {
+            parts.push_back({selector.substr(start, at - start), combinator});
+            start = std::string_view::npos;
+            combinator = ' ';
+        }
+        combinator = isSpace(c) ? combinator : c;
+    }
+    return brackets == 0 ? parts : std::vector<SelectorPart>();
+}
+
+/// What the engine does for a selector beyond comparing each element with its last part: it tries each ancestor or sibling that a
+/// part in front may mean, and behind each one that fits, those of the part in front of that.
+double comparisons(std::string_view selector, const ElementCounts& counts, std::size_t elements, std::size_t depth) {
+    const std::vector<SelectorPart> parts = partsOf(selector);
+    if (parts.empty()) {
+        return kComparisonBudget + 1;
+    }
+    const auto matches = [&](const SelectorPart& part) {
+        return static_cast<double>(std::max<std::size_t>(std::min(possibleMatches(part.text, counts, elements), elements), 1));
+    };
+    double paths = matches(parts.back());
+    double result = 0;
+    double chosen = 0;  // ancestors or siblings, in a row
+    for (std::size_t at = parts.size(); at-- > 0;) {
+        const SelectorPart& part = parts[at];
+        const auto conditions = static_cast<double>(std::ranges::count(part.text, '['));
+        const bool countsSiblings =
+            part.text.find("-child") != std::string_view::npos || part.text.find("-of-") != std::string_view::npos;
+        const double siblings = countsSiblings ? static_cast<double>(elements) * kCountedSiblingCost : 0;
+        result += paths * (conditions * kConditionCost + siblings);
+        if (at == 0) {
+            break;
+        }
+        const bool isNeighbour = part.combinator == '>' || part.combinator == '+';
+        const auto reach = static_cast<double>(isNeighbour ? 1 : part.combinator == '~' ? elements : depth);
+        result += paths * reach;
+        chosen = isNeighbour ? 0 : chosen + 1;
+        paths *= std::max(1.0, std::min(reach, matches(parts[at - 1])) / std::max(chosen, 1.0));
+    }
+    return result;
+}
+
 }  // namespace
 
 void SafeStyleSheet::append(std::string_view css, std::string_view media, PictureAddresses& addresses) {
@@ -169,6 +239,7 @@ void SafeStyleSheet::appendRules(std::string_view css, int nesting, PictureAddre
 std::string SafeStyleSheet::text(std::size_t elements, std::size_t depth, const ElementCounts& counts) const {
     std::string result;
     double spent = 0;
+    double compared = 0;
     std::size_t copies = 0;
     for (const Rule& rule : m_rules) {
         std::string selectors;
@@ -176,9 +247,11 @@ std::string SafeStyleSheet::text(std::size_t elements, std::size_t depth, const 
         for (const std::string& selector : rule.selectors) {
             const double cost = static_cast<double>(elements) * worstComparisons(countParts(selector), depth);
             const std::size_t copied = declarations * std::min(elements, possibleMatches(selector, counts, elements));
+            const double further = comparisons(selector, counts, elements, depth);
             if (cost <= kSelectorBudget && spent + static_cast<double>(elements) <= kSheetBudget &&
-                copies + copied <= kMaxCopies) {
+                compared + further <= kComparisonBudget && copies + copied <= kMaxCopies) {
                 copies += copied;
+                compared += further;
                 spent += static_cast<double>(elements);
                 selectors += (selectors.empty() ? "" : ",") + selector;
             }

@@ -4,6 +4,8 @@
 #include <array>
 #include <cmath>
 
+#include "utf.h"
+
 namespace ternview {
 namespace {
 
@@ -160,6 +162,11 @@ int HtmlFont::wholeWidth(std::string_view text, double width) const {
     return rounded(word ? width + m_space - rounded(m_space) : width);
 }
 
+void HtmlFont::setText(std::string_view text) const {
+    const std::string drawable = drawableUtf8(text);
+    pango_layout_set_text(m_layout.get(), drawable.data(), static_cast<int>(drawable.size()));
+}
+
 int HtmlFont::textWidth(std::string_view text) {
     if (invisible()) {
         return 0;
@@ -169,7 +176,7 @@ int HtmlFont::textWidth(std::string_view text) {
         return known->second;
     }
     int width = 0;
-    pango_layout_set_text(m_layout.get(), text.data(), static_cast<int>(text.size()));
+    setText(text);
     pango_layout_get_size(m_layout.get(), &width, nullptr);
     const int result = wholeWidth(text, pixels(width) + m_style.letterSpacing);  // Pango leaves it out behind the last letter
     if (text.size() <= kMaxRememberedLength && m_memory > 0) {
@@ -188,7 +195,7 @@ void HtmlFont::draw(cairo_t* context, std::string_view text, double x, double ba
     if (invisible()) {
         return;
     }
-    pango_layout_set_text(m_layout.get(), text.data(), static_cast<int>(text.size()));
+    setText(text);
     const double top = baseline - pixels(pango_layout_get_baseline(m_layout.get()));
     cairo_move_to(context, x, top);
     pango_cairo_show_layout(context, m_layout.get());
@@ -212,7 +219,7 @@ void HtmlFont::draw(cairo_t* context, std::string_view text, double x, double ba
 void HtmlFont::drawParagraph(cairo_t* context, std::string_view text, const Column& column) const {
     pango_layout_set_width(m_layout.get(), rounded(column.width * PANGO_SCALE));
     pango_layout_set_wrap(m_layout.get(), PANGO_WRAP_WORD_CHAR);
-    pango_layout_set_text(m_layout.get(), text.data(), static_cast<int>(text.size()));
+    setText(text);
     cairo_move_to(context, column.x, column.y);
     pango_cairo_show_layout(context, m_layout.get());
     pango_layout_set_width(m_layout.get(), -1);

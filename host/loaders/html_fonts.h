@@ -55,6 +55,7 @@ public:
 private:
     /// The width that the engine is told for text of a width.
     int wholeWidth(std::string_view text, double width) const;
+    void setText(std::string_view text) const;
     void drawLine(cairo_t* context, double x, double width, double y) const;
 
     HtmlFontStyle m_style;

@@ -47,7 +47,7 @@ std::string plainTitle(std::string_view content) {
         }
     }
     title.resize(title.find_last_not_of(' ') + 1);
-    return title;
+    return drawableUtf8(title);
 }
 
 class GuardedWriter {

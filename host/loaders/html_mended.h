@@ -78,6 +78,16 @@ public:
         }
     }
 
+    // The engine's own counting goes on to the child in question, which takes a square of time for many children.
+    bool is_nth_child(const litehtml::element::ptr& child, int step, int offset, bool ofType) const override {
+        return step == 0 && !ofType ? isAtPlace(this->m_children.begin(), this->m_children.end(), child, offset)
+                                    : Base::is_nth_child(child, step, offset, ofType);
+    }
+    bool is_nth_last_child(const litehtml::element::ptr& child, int step, int offset, bool ofType) const override {
+        return step == 0 && !ofType ? isAtPlace(this->m_children.rbegin(), this->m_children.rend(), child, offset)
+                                    : Base::is_nth_last_child(child, step, offset, ofType);
+    }
+
     void init_font() override {
         Base::init_font();
         const auto* around = dynamic_cast<const MendedElement*>(this->parent().get());
@@ -127,6 +137,19 @@ public:
     }
 
 private:
+    /// @param place among those that are no text, from 1
+    template <typename Children>
+    static bool isAtPlace(Children other, Children end, const litehtml::element::ptr& child, int place) {
+        for (; other != end; ++other) {
+            const bool counts = (*other)->get_display() != litehtml::display_inline_text;
+            if (*other == child || (counts && place <= 1)) {
+                return counts && *other == child && place == 1;
+            }
+            place -= counts ? 1 : 0;
+        }
+        return false;
+    }
+
     /// Draws as opaque as the element is; what it draws calls others of its operations.
     template <typename Draw>
     void faded(Draw draw) {

@@ -22,6 +22,15 @@ struct ObjectDeleter {
 using Pixbuf = std::unique_ptr<GdkPixbuf, ObjectDeleter>;
 using PixbufLoader = std::unique_ptr<GdkPixbufLoader, ObjectDeleter>;
 
+/// Whether a bitmap tells that its pixels or its header end behind its own end. Its decoder would make room for all of that.
+bool isBitmapWithoutPixels(std::string_view data) {
+    constexpr std::size_t kPixelsField = 10;  // behind it stands the header's size
+    std::array<std::uint32_t, 2> sizes{};
+    std::memcpy(sizes.data(), data.data() + std::min(kPixelsField, data.size()),
+                std::min(sizeof(sizes), data.size() - std::min(kPixelsField, data.size())));
+    return std::max(sizes[0], sizes[1]) > data.size();
+}
+
 /// The gdk-pixbuf name of a picture's format, by its first bytes; null for none that we show.
 const char* rasterFormat(std::string_view data) {
     using namespace std::string_view_literals;
@@ -40,7 +49,7 @@ const char* rasterFormat(std::string_view data) {
     };
     for (const Signature& signature : kSignatures) {
         if (data.starts_with(signature.start)) {
-            return signature.format;
+            return data.starts_with("BM") && isBitmapWithoutPixels(data) ? nullptr : signature.format;
         }
     }
     return data.starts_with("RIFF") && data.size() >= 12 && data.substr(8).starts_with("WEBP") ? "webp" : nullptr;

@@ -18,6 +18,9 @@ constexpr std::array<std::string_view, 14> kDroppedGroups{
 // Instructions that name nothing outside the document, or, as HYPERLINK, nothing that is looked at.
 constexpr std::array<std::string_view, 4> kHarmlessFields{"HYPERLINK", "SYMBOL", "PAGE", "NUMPAGES"};
 
+// East Asian code pages, in which a byte from 0x80 up may be the first half of a character.
+constexpr std::array<std::int64_t, 5> kDoubleBytePages{932, 936, 949, 950, 1361};
+
 bool isLetter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
@@ -26,7 +29,7 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-bool isOneOf(std::string_view name, const auto& names) {
+bool isOneOf(const auto& name, const auto& names) {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
@@ -87,7 +90,7 @@ public:
                 writeAsHex(takeBinary(token));
             } else if (isDropped(token)) {
                 dropRestOfGroup();
-            } else {
+            } else if (!writeBullet(token)) {
                 out_ += token.raw;
             }
         }
@@ -131,6 +134,28 @@ private:
             out_ += kDigits[byte >> 4];
             out_ += kDigits[byte & 15];
         }
+    }
+
+    /// A paragraph's bullet (\pntxtb) is one byte of a symbol font. Where the document's code page is an East Asian one, the
+    /// suite takes that byte for half a character of the page and shows a replacement character, so it is given as the
+    /// private-use character that stands for it.
+    /// @return whether the token was such a byte, and is written
+    bool writeBullet(const Token& token) {
+        if (token.name == "ansicpg") {
+            isDoubleByte_ = isOneOf(token.number, kDoubleBytePages);
+        } else if (token.name == "pntxtb") {
+            isBullet_ = true;
+            return false;
+        }
+        const bool isSymbol = isBullet_ && isDoubleByte_ && token.raw == "\\'";
+        isBullet_ = false;
+        unsigned byte = 0;
+        if (!isSymbol || std::from_chars(rest_.data(), rest_.data() + 2, byte, 16).ptr != rest_.data() + 2 || byte < 0x80) {
+            return false;
+        }
+        rest_.remove_prefix(2);
+        out_ += "\\uc1\\u" + std::to_string(0xF000 + static_cast<int>(byte) - 0x10000) + " ?";
+        return true;
     }
 
     void dropRestOfGroup() {
@@ -181,6 +206,8 @@ private:
 
     std::string_view rest_;
     RtfPictures pictures_;
+    bool isDoubleByte_ = false;
+    bool isBullet_ = false;  // the text of a bullet begins here
     std::string out_;
 };
 

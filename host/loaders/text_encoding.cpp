@@ -107,6 +107,10 @@ private:
 };
 
 std::string decodeUnmarked(std::string_view bytes) {
+    if (hasJapaneseEscapes(bytes)) {
+        Converter japanese("ISO-2022-JP-2");
+        return repairedUtf8(japanese.valid() ? japanese.convert(bytes) : bytes);
+    }
     if (isValidUtf8(bytes)) {
         return std::string(bytes);
     }
@@ -125,7 +129,7 @@ bool isLineBreak(char32_t character) {
 
 bool isShown(char32_t character) {
     const bool isControl = character < 0x20 || (character >= 0x7F && character < 0xA0);
-    return character == '\t' || (!isControl && character != 0xFEFF);
+    return character == '\t' || (!isControl && character != 0xFEFF && !isNoncharacter(character));
 }
 
 /// Brings line breaks to one form and takes out what would show as a box, in place: the text only gets shorter.
@@ -151,6 +155,12 @@ void clean(std::string& text) {
 }
 
 }  // namespace
+
+bool hasJapaneseEscapes(std::string_view bytes) {
+    const bool isSevenBit =
+        std::none_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
+    return isSevenBit && (bytes.find("\x1B$B") != std::string_view::npos || bytes.find("\x1B$@") != std::string_view::npos);
+}
 
 std::string decodeText(std::string_view bytes) {
     skip(bytes, kSevenBitMark);

@@ -15,4 +15,7 @@ namespace ternview {
  */
 std::string decodeText(std::string_view bytes);
 
+/// True for seven-bit text with the sequences that switch to Japanese characters (RFC 1468), which is valid UTF-8 otherwise.
+bool hasJapaneseEscapes(std::string_view bytes);
+
 }  // namespace ternview

@@ -15,6 +15,7 @@
 
 #include "loaders.h"
 #include "loaders/html_addresses.h"
+#include "loaders/installed_fonts.h"
 #include "loaders/laid_out_document.h"
 #include "loaders/page_links.h"
 #include "loaders/text_encoding.h"
@@ -313,16 +314,6 @@ private:
     PageStart end_;  // behind the last line that is shown
     bool truncated_ = false;
 };
-
-void requireFonts() {
-    PangoFontFamily** families = nullptr;
-    int count = 0;
-    pango_font_map_list_families(pango_cairo_font_map_get_default(), &families, &count);
-    g_free(families);
-    if (count == 0) {
-        throw JobError(Failure::kFontsMissing);
-    }
-}
 
 }  // namespace
 

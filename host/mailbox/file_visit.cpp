@@ -10,6 +10,7 @@
 #include <ternkit/batch.h>
 #include <ternkit/formats.h>
 
+#include "confinement.h"
 #include "document_files.h"
 #include "explanation.h"
 #include "filter_module.h"
@@ -192,9 +193,33 @@ private:
     std::exception_ptr thrown_;
 };
 
-/// Visits a file, and anew in a corrected copy when it is an Internet message that the filter refuses.
+/// Visits a copy of a message in its place. @return nothing when the filter refuses that one too, and nothing was sent
+std::optional<JobResult> visitCopy(const BatchModule& module, MessageSender& sender, std::size_t index,
+                                   const CorrectedCopy& corrected, Standing standing) {
+    standing.helps.push_back(corrected.help);
+    const TemporaryCopy copy(corrected.bytes);
+    const MailFile copied(copy.path());
+    FileVisit visit(sender, index, copied, std::move(standing));
+    if (visit.run(module) != ternkit::kOk || visit.refused()) {
+        return std::nullopt;
+    }
+    JobResult result;
+    result.status = ternkit::kOk;
+    result.messageCount = 1;
+    result.sourceFormat = visit.sourceFormat();
+    return result;
+}
+
+/// Visits a file, and a message that the filter refuses or of which it leaves out a part in a corrected copy.
 JobResult visitWithHelp(const BatchModule& module, MessageSender& sender, std::size_t index, const MailFile& file,
                         const std::optional<Standing>& standing) {
+    const auto standingOfCopy = [&standing, &file] { return standing.value_or(Standing{1, 1, file.size(), {}}); };
+    const Attachments attachments = sender.options().documents ? Attachments::kCopied : Attachments::kLeftOut;
+    if (const auto complete = sender.options().withHelp ? completeCopy(file, attachments) : std::nullopt) {
+        if (const auto result = visitCopy(module, sender, index, *complete, standingOfCopy())) {
+            return *result;
+        }
+    }
     FileVisit visit(sender, index, file, standing);
     JobResult result;
     result.status = visit.run(module);
@@ -206,17 +231,10 @@ JobResult visitWithHelp(const BatchModule& module, MessageSender& sender, std::s
     if (!visit.refused()) {
         return result;
     }
-    if (const std::optional<CorrectedCopy> corrected = correctedCopy(file, resultOf(*visit.refused()))) {
-        Standing ofCopy = standing.value_or(Standing{1, 1, file.size(), {}});
-        ofCopy.helps.push_back(corrected->help);
-        const TemporaryCopy copy(corrected->bytes);
-        const MailFile copied(copy.path());
-        FileVisit again(sender, index, copied, ofCopy);
-        if (again.run(module) == ternkit::kOk && !again.refused()) {
-            return result;
-        }
+    const std::optional<CorrectedCopy> corrected = correctedCopy(file, resultOf(*visit.refused()));
+    if (!corrected || !visitCopy(module, sender, index, *corrected, standingOfCopy())) {
+        sender.send(*visit.refused());
     }
-    sender.send(*visit.refused());
     return result;
 }
 
@@ -229,12 +247,25 @@ JobResult visitMbox(const BatchModule& module, MessageSender& sender, std::size_
     for (std::uint32_t i = 0; i < result.messageCount; ++i) {
         const auto number = static_cast<std::int32_t>(i + 1);
         sender.beginMessage();
-        if (sender.isWanted(index, number)) {
-            const std::string bytes = mbox.message(i);
-            const TemporaryCopy copy(bytes);
-            visitWithHelp(module, sender, index, MailFile(copy.path()),
-                          Standing{number, result.messageCount, bytes.size(), {Help::kMbox}});
+        if (!sender.isWanted(index, number)) {
+            continue;
         }
+        std::string bytes;
+        try {
+            bytes = mbox.message(i);
+        } catch (const JobError& error) {
+            MessageSummary lost;
+            lost.number = number;
+            lost.count = result.messageCount;
+            lost.sourceFormat = ternkit::kFormatEml;
+            lost.failure = error.failure();
+            lost.detail = cutText(error.what());
+            sender.send(lost);
+            continue;
+        }
+        const TemporaryCopy copy(bytes);
+        visitWithHelp(module, sender, index, MailFile(copy.path()),
+                      Standing{number, result.messageCount, bytes.size(), {Help::kMbox}});
     }
     return result;
 }
@@ -246,6 +277,7 @@ JobResult visitMailFile(const BatchModule& module, MessageSender& sender, const 
     try {
         result.status = ternkit::kCannotOpen;  // what the filter says of such a file
         const MailFile file(path);
+        limitMemoryBySize(file.size());
         result.status = 0;
         const std::optional<Mbox> mbox = sender.options().withHelp ? Mbox::open(file.descriptor()) : std::nullopt;
         const bool holdsSeveral = mbox && mbox->count() > 1;

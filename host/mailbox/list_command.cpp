@@ -191,7 +191,7 @@ int runList(const ListRequest& request) {
     reader.grant(kAhead);
     while (!reader.done() && !listing.isOver()) {
         std::vector<pollfd> watched{pollfd{reader.descriptor(), POLLIN, 0}, pollfd{signals.descriptor(), POLLIN, 0}};
-        waitForAny(watched, reader.deadline());
+        reader.postpone(waitForAny(watched, reader.deadline()));
         signals.check();
         reader.attend(listing);
         output.flush();

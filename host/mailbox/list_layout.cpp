@@ -144,7 +144,7 @@ std::string numberCell(const MessageSummary& message) {
 
 // Texts come out of mails and may hold bytes that are no UTF-8; JSON cannot carry those.
 std::string asLine(const nlohmann::ordered_json& object) {
-    return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+    return printableJson(object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)) + "\n";
 }
 
 }  // namespace

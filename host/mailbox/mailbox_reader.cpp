@@ -91,6 +91,8 @@ public:
         return done() || wanted_ == 0 ? std::nullopt : std::optional(heardOf_ + options_.timeLimit);
     }
 
+    void postpone(Clock::duration stopped) { heardOf_ += stopped; }
+
     void attend(MailboxVisitor& visitor) {
         if (done()) {
             return;
@@ -281,6 +283,10 @@ int MailboxReader::descriptor() const {
 
 std::optional<Clock::time_point> MailboxReader::deadline() const {
     return process_->deadline();
+}
+
+void MailboxReader::postpone(Clock::duration stopped) {
+    process_->postpone(stopped);
 }
 
 void MailboxReader::attend(MailboxVisitor& visitor) {

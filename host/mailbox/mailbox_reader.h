@@ -89,6 +89,8 @@ public:
     int descriptor() const;
     /// When `attend` is to be called even though there is nothing to read; none while the reader waits for a grant.
     std::optional<std::chrono::steady_clock::time_point> deadline() const;
+    /// Time in which the program was stopped does not count.
+    void postpone(std::chrono::steady_clock::duration stopped);
     /// Takes what has arrived, and looks after a process that ended or is over its time.
     void attend(MailboxVisitor& visitor);
 

@@ -3,6 +3,7 @@
 // part of ternview's command line.
 
 #include <dlfcn.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -25,6 +27,7 @@
 #include "frames.h"
 #include "office_requests.h"
 #include "office_sandbox.h"
+#include "sanitized.h"
 #include "service/service_messages.h"
 
 namespace {
@@ -132,6 +135,37 @@ std::string convert(LibreOfficeKit& suite, const fs::path& source, const fs::pat
     return saved != 0 ? "" : takeError(suite);
 }
 
+/// The hard limit stays, so that the soft one can be moved on.
+void setSoftLimit(__rlimit_resource resource, rlim_t value) {
+    rlimit limit{};
+    ::getrlimit(resource, &limit);
+    limit.rlim_cur = std::min(value, limit.rlim_max);
+    ::setrlimit(resource, &limit);
+}
+
+/// What a document of this size may need: the suite itself takes the larger part.
+void limitMemory([[maybe_unused]] std::size_t bytes) {
+#ifndef TERNVIEW_SANITIZED
+    constexpr rlim_t kMemoryOfSmallDocument = rlim_t{560} << 20;
+    constexpr rlim_t kMemoryOfByte = 12;
+    setSoftLimit(RLIMIT_DATA, kMemoryOfSmallDocument + kMemoryOfByte * bytes);
+#endif
+}
+
+/// The end of the process for a document that takes longer than its size explains, unless more time than usual is allowed.
+void limitProcessorTime(std::size_t bytes, unsigned allowed) {
+    constexpr unsigned kUsualTimeLimit = 60;
+    constexpr std::size_t kSmallSeconds = 10;
+    constexpr std::size_t kBytesPerSecond = 1'000'000;  // of what is more than small
+    constexpr std::size_t kSmallBytes = 8'000'000;
+    timespec used{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    const std::size_t needed = kSmallSeconds + (std::max(bytes, kSmallBytes) - kSmallBytes) / kBytesPerSecond;
+    const auto seconds = static_cast<rlim_t>(allowed > kUsualTimeLimit ? allowed : std::min<std::size_t>(needed, allowed));
+    std::signal(SIGXCPU, SIG_DFL);
+    setSoftLimit(RLIMIT_CPU, static_cast<rlim_t>(used.tv_sec) + seconds + 1);
+}
+
 void answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessage& message, const Request& request,
             FrameWriter& out) {
     const fs::path source = directory / "message.rtf";
@@ -139,8 +173,11 @@ void answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessa
     std::ofstream(source, std::ios::binary) << message.bytes;
     std::signal(SIGALRM, SIG_DFL);  // the end of the process, whatever the suite is at and has set
     ::alarm(request.seconds);
+    limitProcessorTime(message.bytes.size(), request.seconds);
+    limitMemory(message.bytes.size());
     const std::string reason = convert(suite, source, target, *request.target);
     ::alarm(0);
+    setSoftLimit(RLIMIT_CPU, RLIM_INFINITY);
     std::ifstream stream(target, std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
     fs::remove(source);

@@ -1,10 +1,7 @@
 #include "office_sandbox.h"
 
 #include <fcntl.h>
-#include <linux/audit.h>
-#include <linux/filter.h>
 #include <linux/landlock.h>
-#include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -12,12 +9,11 @@
 
 #include <array>
 #include <cerrno>
-#include <cstddef>
 #include <filesystem>
-#include <iterator>
 
 #include "descriptor.h"
 #include "sanitized.h"
+#include "service/system_call_filter.h"
 
 namespace ternview {
 namespace {
@@ -92,60 +88,6 @@ bool restrictFiles(const std::string& privateDirectory, const std::string& suite
         done = done && allow(rules.get(), path, kRead);
     }
     return done && ::syscall(SYS_landlock_restrict_self, rules.get(), 0) == 0;
-}
-
-// ---- system calls
-
-#if defined(__x86_64__)
-constexpr __u32 kArchitecture = AUDIT_ARCH_X86_64;
-#elif defined(__aarch64__)
-constexpr __u32 kArchitecture = AUDIT_ARCH_AARCH64;
-#else
-#error "the office sandbox does not know this processor"
-#endif
-
-constexpr std::array kRefused{SYS_socket,
-                              SYS_connect,
-                              SYS_bind,
-                              SYS_execve,
-                              SYS_execveat,
-                              SYS_ptrace,
-                              SYS_process_vm_readv,
-                              SYS_process_vm_writev,
-                              SYS_io_uring_setup,
-                              SYS_kill,
-                              SYS_tkill,
-                              SYS_pidfd_send_signal,
-                              SYS_pidfd_getfd,
-                              SYS_perf_event_open,
-                              SYS_bpf,
-                              SYS_unshare,
-                              SYS_mount,
-                              SYS_keyctl,
-                              SYS_add_key,
-                              SYS_request_key};
-
-bool refuseSystemCalls() {
-    constexpr auto statement = [](unsigned code, __u32 value) { return sock_filter{static_cast<__u16>(code), 0, 0, value}; };
-    constexpr auto jump = [](unsigned code, __u32 value, std::size_t ifTrue, std::size_t ifFalse) {
-        return sock_filter{static_cast<__u16>(code), static_cast<__u8>(ifTrue), static_cast<__u8>(ifFalse), value};
-    };
-    std::array<sock_filter, kRefused.size() + 7> filter;
-    auto next = filter.begin();
-    *next++ = statement(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch));
-    *next++ = jump(BPF_JMP | BPF_JEQ | BPF_K, kArchitecture, 1, 0);
-    *next++ = statement(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS);
-    *next++ = statement(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr));
-    for (std::size_t i = 0; i < kRefused.size(); ++i) {
-        *next++ = jump(BPF_JMP | BPF_JEQ | BPF_K, static_cast<__u32>(kRefused[i]), kRefused.size() - i + 1, 0);
-    }
-    // The second set of numbers that 64-bit PCs have begins with this bit; nothing uses it, and it would be a way around.
-    constexpr __u32 kSecondNumbers = 0x40000000;
-    *next++ = jump(BPF_JMP | BPF_JGE | BPF_K, kSecondNumbers, 1, 0);
-    *next++ = statement(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
-    *next++ = statement(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM);
-    const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
-    return ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) == 0;
 }
 
 }  // namespace

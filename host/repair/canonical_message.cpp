@@ -12,14 +12,20 @@
 
 #include "loaders/html_charset.h"
 #include "loaders/text_encoding.h"
+#include "repair/lenient_form.h"
+#include "utf.h"
 
 namespace ternview {
 namespace {
 
 constexpr int kDeepest = 100;
 constexpr std::size_t kMostPictures = 10'000;
+constexpr std::string_view kUtf8Mark = "\xEF\xBB\xBF";
 constexpr std::string_view kNoTextNotice = "(This message has no text.)\r\n";
 constexpr std::array kFields{"From", "To", "Cc", "Bcc", "Subject", "Date", "Importance"};
+/// Fields that the document does not show, and that still tell a mail from any other text.
+constexpr std::array kFieldsOfMail{"Received",   "Return-Path",  "Delivered-To", "Reply-To",
+                                   "Message-ID", "MIME-Version", "Content-Type"};
 
 template <typename T>
 struct Unref {
@@ -35,7 +41,14 @@ using OwnedText = std::unique_ptr<char, Free>;
 
 enum class TextKind { Plain, Html };
 
+/// Decoded only when it is needed: most messages are read by the filter as they are.
 struct Text {
+    TextKind kind;
+    GMimePart* part;
+    std::string bytes;  // in the charset of the part
+};
+
+struct DecodedText {
     TextKind kind;
     std::string utf8;
 };
@@ -51,8 +64,8 @@ struct Picture {
 /// What a message, or a part of one, has to show.
 struct Content {
     std::vector<Text> texts;
-    std::vector<Text> reserve;  // shown when there are no texts: of attached messages, reports and unknown kinds of text
-    std::vector<Picture> pictures;
+    std::vector<Text> reserve;         // shown when there are no texts: of attached messages, reports and unknown kinds of text
+    std::vector<GMimePart*> pictures;  // what may be one
 
     void append(Content&& other) {
         std::move(other.texts.begin(), other.texts.end(), std::back_inserter(texts));
@@ -85,10 +98,15 @@ std::optional<std::string> fromDeclaredCharset(const std::string& bytes, const c
     if (charset == nullptr || *charset == '\0') {
         return std::nullopt;
     }
-    gsize written = 0;
-    const OwnedText converted(g_convert(bytes.data(), static_cast<gssize>(bytes.size()), "UTF-8",
-                                        g_mime_charset_iconv_name(charset), nullptr, &written, nullptr));
-    return converted ? std::optional(std::string(converted.get(), written)) : std::nullopt;
+    for (const std::string& name : {webCharset(charset), textOf(g_mime_charset_iconv_name(charset))}) {
+        gsize written = 0;
+        const OwnedText converted(
+            g_convert(bytes.data(), static_cast<gssize>(bytes.size()), "UTF-8", name.c_str(), nullptr, &written, nullptr));
+        if (converted) {
+            return std::string(converted.get(), written);
+        }
+    }
+    return std::nullopt;
 }
 
 bool startsWithNoCase(std::string_view text, std::string_view prefix) {
@@ -140,14 +158,57 @@ std::string declareUtf8(std::string_view html) {
     return out;
 }
 
-Text readText(GMimePart* part, TextKind kind) {
-    const std::string bytes = decodedContent(part);
-    const char* charset = g_mime_object_get_content_type_parameter(GMIME_OBJECT(part), "charset");
-    const std::optional<std::string> declared = fromDeclaredCharset(bytes, charset);
-    if (kind == TextKind::Plain) {
-        return {kind, decodeText(declared ? *declared : bytes)};
+/// Whether a declaration says more than the bytes do. Text that is valid UTF-8 is hardly anything else, and what has seven bits
+/// is read without a declaration too, unless it is UTF-16.
+bool canTell(std::string_view charset, std::string_view bytes) {
+    const std::string name = webCharset(charset);
+    if (bytes.find('\0') != std::string_view::npos) {
+        return name.starts_with("utf-16");
     }
-    return {kind, declareUtf8(declared ? *declared : decodeHtml(bytes).text)};
+    const bool isSevenBit = std::ranges::all_of(bytes, [](unsigned char c) { return c < 0x80; });
+    return !isSevenBit && (name == "utf-8" || name == "UTF-8" || !isValidUtf8(bytes));
+}
+
+/// A declaration that is given without knowing; the text alone may tell more.
+bool isHabit(std::string_view charset) {
+    return webCharset(charset) == "CP1252";
+}
+
+std::string decode(TextKind kind, std::string_view bytes) {
+    return kind == TextKind::Plain ? decodeText(bytes) : decodeHtml(bytes).text;
+}
+
+std::string declaredCharset(const Text& text) {
+    return textOf(g_mime_object_get_content_type_parameter(GMIME_OBJECT(text.part), "charset"));
+}
+
+/// The text in its declared charset; nothing when that says nothing more than the bytes.
+std::optional<std::string> decodedAsDeclared(const Text& text) {
+    const std::string charset = declaredCharset(text);
+    std::optional<std::string> known =
+        canTell(charset, text.bytes) ? fromDeclaredCharset(text.bytes, charset.c_str()) : std::nullopt;
+    if (!known) {
+        return std::nullopt;
+    }
+    known->insert(0, known->starts_with(kUtf8Mark) ? std::string_view() : kUtf8Mark);
+    return decode(text.kind, *known);
+}
+
+std::string utf8Of(const Text& text) {
+    std::optional<std::string> known = decodedAsDeclared(text);
+    std::string utf8 = known ? std::move(*known) : decode(text.kind, text.bytes);
+    return text.kind == TextKind::Html ? declareUtf8(utf8) : utf8;
+}
+
+/// True for a text that would be read in another charset without the declaration of its part.
+bool needsItsCharset(const Text& text) {
+    const bool isReadAsUtf8 = text.kind == TextKind::Plain && isValidUtf8(text.bytes);
+    const bool hasNuls = text.bytes.find('\0') != std::string::npos;
+    if (isHabit(declaredCharset(text)) || (isReadAsUtf8 && !hasNuls)) {
+        return false;
+    }
+    const std::optional<std::string> known = decodedAsDeclared(text);
+    return known && *known != decode(text.kind, text.bytes);
 }
 
 /// The kinds of picture that a document can carry, by their first bytes; the declared type is often wrong.
@@ -172,14 +233,69 @@ std::string lastSegment(const std::string& location) {
     return location.substr(location.find_last_of('/') + 1);
 }
 
-void addPicture(GMimePart* part, Content& content) {
-    std::string bytes = decodedContent(part);
-    const std::string_view type = pictureType(bytes);
-    if (type.empty() || content.pictures.size() >= kMostPictures) {
-        return;
-    }
-    content.pictures.push_back({type, textOf(g_mime_part_get_filename(part)), textOf(g_mime_part_get_content_id(part)),
+std::vector<Picture> readPictures(const std::vector<GMimePart*>& parts) {
+    std::vector<Picture> pictures;
+    for (GMimePart* part : parts) {
+        std::string bytes = decodedContent(part);
+        const std::string_view type = pictureType(bytes);
+        if (!type.empty() && pictures.size() < kMostPictures) {
+            pictures.push_back({type, textOf(g_mime_part_get_filename(part)), textOf(g_mime_part_get_content_id(part)),
                                 lastSegment(textOf(g_mime_part_get_content_location(part))), std::move(bytes)});
+        }
+    }
+    return pictures;
+}
+
+/// Passes over an element of HTML whose content is not shown. @return its end
+std::size_t behindHiddenElement(std::string_view html, std::size_t open, std::string_view name) {
+    const std::string end = "</" + std::string(name);
+    for (std::size_t at = html.find("</", open); at != std::string_view::npos; at = html.find("</", at + 2)) {
+        if (startsWithNoCase(html.substr(at), end)) {
+            return at;
+        }
+    }
+    return html.size();
+}
+
+/// True for HTML of which nothing but white space is seen.
+bool showsNothing(std::string_view html) {
+    constexpr std::string_view kBlank = "&nbsp;";
+    std::size_t at = 0;
+    while (at < html.size()) {
+        const std::string_view rest = html.substr(at);
+        if (rest.front() == '<') {
+            const std::string_view tag = rest.substr(0, rest.find('>'));
+            if (startsWithNoCase(tag, "<img") || tag.find("background") != std::string_view::npos) {
+                return false;
+            }
+            for (const std::string_view name : {"head", "style", "title"}) {
+                at = startsWithNoCase(rest.substr(1), name) ? behindHiddenElement(html, at, name) : at;
+            }
+            at = std::min(html.find('>', at), html.size() - 1) + 1;
+        } else if (rest.starts_with(kBlank)) {
+            at += kBlank.size();
+        } else if (rest.front() == ' ' || (rest.front() >= '\t' && rest.front() <= '\r')) {
+            ++at;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Decodes only where the bytes leave it open: a visible ASCII character is one in every charset, unless a control character
+/// switches to another.
+bool isBlank(const Text& text) {
+    const auto has = [&text](char c) { return text.bytes.find(c) != std::string::npos; };
+    const auto isSeen = [](unsigned char c) { return c > ' ' && c < 0x7F; };
+    const auto seen = std::ranges::find_if(text.bytes, isSeen);
+    const bool beginsInAscii = !text.bytes.empty() && static_cast<unsigned char>(text.bytes.front()) < 0x80;
+    if (seen != text.bytes.end() && !has('\0') && !has('\x1B') &&
+        (text.kind == TextKind::Plain || (beginsInAscii && !showsNothing(text.bytes)))) {
+        return false;
+    }
+    const std::string utf8 = utf8Of(text);
+    return text.kind == TextKind::Html ? showsNothing(utf8) : utf8.find_first_not_of(" \t\r\n") == std::string::npos;
 }
 
 Content readObject(GMimeObject* object, int depth);
@@ -187,15 +303,20 @@ Content readObject(GMimeObject* object, int depth);
 Content readLeaf(GMimePart* part) {
     Content content;
     GMimeContentType* type = g_mime_object_get_content_type(GMIME_OBJECT(part));
-    const bool isAttachment = g_mime_part_is_attachment(part) != 0;
-    if (g_mime_content_type_is_type(type, "image", "*") || g_mime_content_type_is_type(type, "application", "octet-stream")) {
-        addPicture(part, content);
-    } else if (g_mime_content_type_is_type(type, "text", "html")) {
-        (isAttachment ? content.reserve : content.texts).push_back(readText(part, TextKind::Html));
-    } else if (g_mime_content_type_is_type(type, "text", "plain")) {
-        (isAttachment ? content.reserve : content.texts).push_back(readText(part, TextKind::Plain));
-    } else if (g_mime_content_type_is_type(type, "text", "*") || g_mime_content_type_is_type(type, "message", "*")) {
-        content.reserve.push_back(readText(part, TextKind::Plain));
+    const auto isType = [type](const char* kind, const char* subtype) {
+        return g_mime_content_type_is_type(type, kind, subtype) != 0;
+    };
+    if (isType("image", "*") || isType("application", "octet-stream")) {
+        content.pictures.push_back(part);
+        return content;
+    }
+    const bool isHtml = isType("text", "html") || isType("application", "xhtml+xml");
+    if (!isHtml && !isType("text", "*") && !isType("message", "*")) {
+        return content;
+    }
+    const bool isShown = (isHtml || isType("text", "plain")) && g_mime_part_is_attachment(part) == 0;
+    if (Text text{isHtml ? TextKind::Html : TextKind::Plain, part, decodedContent(part)}; !isBlank(text)) {
+        (isShown ? content.texts : content.reserve).push_back(std::move(text));
     }
     return content;
 }
@@ -217,9 +338,33 @@ Content readAlternative(GMimeMultipart* multipart, int depth) {
     return best;
 }
 
+/// Of parts that belong together the one that the others are for: the one that the field names, or the first with a text.
+Content readRelated(GMimeMultipart* multipart, int depth) {
+    const std::string start = textOf(g_mime_object_get_content_type_parameter(GMIME_OBJECT(multipart), "start"));
+    const std::string root = start.starts_with('<') && start.ends_with('>') ? start.substr(1, start.size() - 2) : start;
+    Content content;
+    std::vector<Text> texts;
+    const int count = g_mime_multipart_get_count(multipart);
+    for (int at = 0; at < count; ++at) {
+        GMimeObject* part = g_mime_multipart_get_part(multipart, at);
+        content.append(readObject(part, depth));
+        const bool isRoot = !root.empty() && textOf(g_mime_object_get_content_id(part)) == root;
+        if (!content.texts.empty() && (texts.empty() || isRoot)) {
+            texts = std::move(content.texts);
+        }
+        content.texts.clear();
+    }
+    content.texts = std::move(texts);
+    return content;
+}
+
 Content readMultipart(GMimeMultipart* multipart, int depth) {
-    if (g_mime_content_type_is_type(g_mime_object_get_content_type(GMIME_OBJECT(multipart)), "multipart", "alternative")) {
+    GMimeContentType* type = g_mime_object_get_content_type(GMIME_OBJECT(multipart));
+    if (g_mime_content_type_is_type(type, "multipart", "alternative")) {
         return readAlternative(multipart, depth);
+    }
+    if (g_mime_content_type_is_type(type, "multipart", "related")) {
+        return readRelated(multipart, depth);
     }
     Content content;
     const int count = g_mime_multipart_get_count(multipart);
@@ -277,21 +422,39 @@ std::string escaped(std::string_view text) {
     return out;
 }
 
+bool isSameLetter(char a, char b) {
+    return g_ascii_tolower(a) == b;
+}
+
+/// The filter puts the header lines behind the body's start tag, and refuses HTML in which that has no end.
+void endBodyTag(std::string& html) {
+    constexpr std::string_view kBody = "<body";
+    const auto body = std::search(html.begin(), html.end(), kBody.begin(), kBody.end(), isSameLetter);
+    if (body != html.end() && std::find(body, html.end(), '>') == html.end()) {
+        html += '>';
+    }
+}
+
 /// Several texts as one: HTML when one of them is.
-Text joined(std::vector<Text>&& texts) {
+DecodedText joined(const std::vector<Text>& texts) {
     if (texts.size() == 1) {
-        return std::move(texts.front());
+        DecodedText only{texts.front().kind, utf8Of(texts.front())};
+        if (only.kind == TextKind::Html) {
+            endBodyTag(only.utf8);
+        }
+        return only;
     }
     const bool isHtml = std::any_of(texts.begin(), texts.end(), [](const Text& text) { return text.kind == TextKind::Html; });
-    Text all{isHtml ? TextKind::Html : TextKind::Plain, {}};
+    DecodedText all{isHtml ? TextKind::Html : TextKind::Plain, {}};
     for (const Text& text : texts) {
+        const std::string utf8 = utf8Of(text);
         if (!isHtml) {
-            all.utf8 += text.utf8;
-            all.utf8 += text.utf8.ends_with('\n') ? "\n" : "\n\n";
+            all.utf8 += utf8;
+            all.utf8 += utf8.ends_with('\n') ? "\n" : "\n\n";
         } else if (text.kind == TextKind::Html) {
-            all.utf8 += "<div>" + text.utf8 + "</div>\n";
+            all.utf8 += "<div>" + utf8 + "</div>\n";
         } else {
-            all.utf8 += "<pre style=\"white-space:pre-wrap\">" + escaped(text.utf8) + "</pre>\n";
+            all.utf8 += "<pre style=\"white-space:pre-wrap\">" + escaped(utf8) + "</pre>\n";
         }
     }
     return all;
@@ -321,6 +484,18 @@ std::string fieldValue(const char* raw) {
     return decodeText(line);
 }
 
+/// The filter looks for the words of the fields about content in all fields, in which a stranger may have put them.
+std::string withoutContentWords(const std::string& value) {
+    const auto holds = [&value](std::string_view word) {
+        return std::search(value.begin(), value.end(), word.begin(), word.end(), isSameLetter) != value.end();
+    };
+    if (value.find("=?") != std::string::npos || (!holds("content-") && !holds("boundary") && !holds("charset"))) {
+        return value;
+    }
+    const OwnedText encoded(g_base64_encode(reinterpret_cast<const guchar*>(value.data()), value.size()));
+    return "=?utf-8?B?" + std::string(encoded.get()) + "?=";
+}
+
 std::string fieldLines(GMimeMessage* message) {
     GMimeHeaderList* headers = g_mime_object_get_header_list(GMIME_OBJECT(message));
     std::string lines;
@@ -328,7 +503,7 @@ std::string fieldLines(GMimeMessage* message) {
         GMimeHeader* header = g_mime_header_list_get_header(headers, name);
         const std::string value = header != nullptr ? fieldValue(g_mime_header_get_raw_value(header)) : std::string();
         if (!value.empty()) {
-            lines += std::string(name) + ": " + value + "\r\n";
+            lines += std::string(name) + ": " + withoutContentWords(value) + "\r\n";
         }
     }
     return lines;
@@ -348,9 +523,9 @@ std::string plainToken(const std::string& text) {
     return out;
 }
 
-std::string textPart(const Text& text) {
+std::string textFields(const DecodedText& text) {
     return std::string("Content-Type: text/") + (text.kind == TextKind::Html ? "html" : "plain") +
-           "; charset=\"utf-8\"\r\nContent-Transfer-Encoding: base64\r\n\r\n" + base64Lines(text.utf8);
+           "; charset=\"utf-8\"\r\nContent-Transfer-Encoding: base64\r\n";
 }
 
 std::string picturePart(const Picture& picture, std::size_t index) {
@@ -366,16 +541,17 @@ std::string picturePart(const Picture& picture, std::size_t index) {
     return part + "\r\n" + base64Lines(picture.bytes);
 }
 
-std::string write(const std::string& fields, const Text& text, const std::vector<Picture>& pictures) {
+/// The fields that tell of the content stand first, where the filter finds them before any word of a stranger.
+std::string write(const std::string& fields, const DecodedText& text, const std::vector<Picture>& pictures) {
     // Base64 has no underscore, and the header fields stand in front of the first delimiter.
     constexpr std::string_view kBoundary = "_ternview_part_";
-    std::string out = fields + "MIME-Version: 1.0\r\n";
+    std::string out = "MIME-Version: 1.0\r\n";
     if (text.kind == TextKind::Plain || pictures.empty()) {
-        return out + textPart(text);
+        return out + textFields(text) + fields + "\r\n" + base64Lines(text.utf8);
     }
     const std::string delimiter = "\r\n--" + std::string(kBoundary);
-    out +=
-        "Content-Type: multipart/related; boundary=\"" + std::string(kBoundary) + "\"\r\n" + delimiter + "\r\n" + textPart(text);
+    out += "Content-Type: multipart/related; boundary=\"" + std::string(kBoundary) + "\"\r\n" + fields;
+    out += delimiter + "\r\n" + textFields(text) + "\r\n" + base64Lines(text.utf8);
     for (std::size_t at = 0; at < pictures.size(); ++at) {
         out += delimiter + "\r\n" + picturePart(pictures[at], at);
     }
@@ -390,24 +566,104 @@ Ref<GMimeMessage> parse(std::string_view bytes) {
     return Ref<GMimeMessage>(g_mime_parser_construct_message(parser.get(), nullptr));
 }
 
+bool isMail(GMimeMessage* message) {
+    GMimeObject* part = g_mime_message_get_mime_part(message);
+    return std::any_of(kFieldsOfMail.begin(), kFieldsOfMail.end(), [message, part](const char* name) {
+        return g_mime_object_get_header(GMIME_OBJECT(message), name) != nullptr ||
+               (part != nullptr && g_mime_object_get_header(part, name) != nullptr);
+    });
+}
+
+/// The message again, with a Content-Type that tells what its body holds: parts behind another boundary than the declared one, or
+/// plain text. Empty when the declared type is neither of the two.
+std::string redeclared(std::string_view message, GMimeObject* object) {
+    const auto field = [object](const char* name) {
+        return object != nullptr ? fieldValue(g_mime_object_get_header(object, name)) : std::string();
+    };
+    const std::string type = field("Content-Type");
+    const bool isMultipart = startsWithNoCase(type, "multipart/");
+    const bool isText = type.find('/') == std::string::npos || startsWithNoCase(type, "text/");
+    if (!isMultipart && !isText) {
+        return {};
+    }
+    const std::string_view body = bodyBehindHeader(message);
+    const std::string_view boundary = boundaryInUse(body);
+    std::string fields;
+    if (!boundary.empty()) {
+        fields = "Content-Type: multipart/mixed; boundary=\"" + std::string(boundary) + "\"\n";
+    } else if (isMultipart && (body.starts_with("--") || body.find("\n--") != std::string_view::npos)) {
+        return {};  // delimiters with nothing between them
+    } else if (const std::string encoding = field("Content-Transfer-Encoding"); isText && !encoding.empty()) {
+        fields = "Content-Transfer-Encoding: " + encoding + "\n";
+    }
+    return fields + "\n" + std::string(body);
+}
+
+/// The part that is taken by a reader which keeps one text of each kind, attached or not, and prefers HTML.
+const GMimePart* lastTextPart(GMimeObject* object, const char* subtype, int depth) {
+    if (object == nullptr || depth >= kDeepest) {
+        return nullptr;
+    }
+    if (GMIME_IS_PART(object)) {
+        return g_mime_content_type_is_type(g_mime_object_get_content_type(object), "text", subtype) != 0 ? GMIME_PART(object)
+                                                                                                         : nullptr;
+    }
+    const GMimePart* found = nullptr;
+    if (GMIME_IS_MULTIPART(object)) {
+        for (int at = g_mime_multipart_get_count(GMIME_MULTIPART(object)) - 1; at >= 0 && found == nullptr; --at) {
+            found = lastTextPart(g_mime_multipart_get_part(GMIME_MULTIPART(object), at), subtype, depth + 1);
+        }
+    }
+    return found;
+}
+
 }  // namespace
 
-std::optional<CanonicalMessage> canonicalMessage(std::string_view message) {
+bool losesText(std::string_view message) {
+    const Ref<GMimeMessage> parsed = parse(message);
+    GMimeObject* object = parsed ? g_mime_message_get_mime_part(parsed.get()) : nullptr;
+    const Content content = readObject(object, 0);
+    if (std::ranges::any_of(content.texts, needsItsCharset)) {
+        return true;
+    }
+    if (object == nullptr || !GMIME_IS_MULTIPART(object)) {
+        return false;
+    }
+    const GMimePart* html = lastTextPart(object, "html", 0);
+    const GMimePart* taken = html != nullptr ? html : lastTextPart(object, "plain", 0);
+    return content.texts.size() > 1 || (content.texts.size() == 1 && content.texts.front().part != taken);
+}
+
+std::optional<CanonicalMessage> canonicalMessage(std::string_view original) {
+    std::string common;
+    if (hasForeignForm(original)) {
+        common = inCommonForm(original);
+    }
+    const std::string_view message = common.empty() ? original : common;
     const Ref<GMimeMessage> parsed = parse(message);
     if (!parsed) {
         return std::nullopt;
     }
     const std::string fields = fieldLines(parsed.get());
-    if (fields.empty()) {
+    if (fields.empty() && !isMail(parsed.get())) {
         return std::nullopt;
     }
-    Content content = readObject(g_mime_message_get_mime_part(parsed.get()), 0);
-    std::vector<Text>& texts = content.texts.empty() ? content.reserve : content.texts;
-    std::erase_if(texts, [](const Text& text) { return text.utf8.find_first_not_of(" \t\r\n") == std::string::npos; });
-    if (texts.empty()) {
-        return CanonicalMessage{write(fields, {TextKind::Plain, std::string(kNoTextNotice)}, {}), false};
+    GMimeObject* object = g_mime_message_get_mime_part(parsed.get());
+    Content content = readObject(object, 0);
+    Ref<GMimeMessage> parsedAgain;
+    if (content.texts.empty() && content.reserve.empty()) {
+        if (const std::string again = redeclared(message, object); !again.empty()) {
+            parsedAgain = parse(again);
+            content = parsedAgain ? readObject(g_mime_message_get_mime_part(parsedAgain.get()), 0) : Content{};
+        }
     }
-    return CanonicalMessage{write(fields, joined(std::move(texts)), content.pictures), true};
+    std::vector<Text>& texts = content.texts.empty() ? content.reserve : content.texts;
+    if (texts.empty()) {
+        return fields.empty()
+                   ? std::nullopt
+                   : std::optional(CanonicalMessage{write(fields, {TextKind::Plain, std::string(kNoTextNotice)}, {}), false});
+    }
+    return CanonicalMessage{write(fields, joined(texts), readPictures(content.pictures)), true};
 }
 
 }  // namespace ternview

@@ -18,8 +18,16 @@ struct CanonicalMessage {
  * one) and its pictures as one message with CR LF line ends, in UTF-8. Attachments are left out.
  *
  * @param message the message as it came
- * @return nothing when there is no header field in it that a mail has
+ * @return nothing when there is no header field in it that a mail has, or nothing that could be shown
  */
 std::optional<CanonicalMessage> canonicalMessage(std::string_view message);
+
+/**
+ * True when the filter, which keeps one text of a message and takes the last HTML or else the last plain one, would leave out
+ * some of what a person is to read: a further text, the text in front of an attached one, or the plain text beside an empty HTML
+ * one; or when a text would be read in another charset than its part declares. A text is decoded only where its bytes leave that
+ * open, as every message is asked.
+ */
+bool losesText(std::string_view message);
 
 }  // namespace ternview

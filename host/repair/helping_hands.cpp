@@ -1,9 +1,11 @@
 #include "repair/helping_hands.h"
 
 #include <algorithm>
+#include <new>
 #include <optional>
 
 #include "repair/canonical_message.h"
+#include "repair/lenient_form.h"
 #include "repair/mbox.h"
 #include "repair/temporary_copy.h"
 
@@ -12,38 +14,89 @@ namespace {
 
 constexpr std::uint64_t kLargestMessage = std::uint64_t{512} << 20;
 
+bool isItem(const MailFile& file) {
+    return file.beginning(8) == "\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1";
+}
+
 bool isInternetMessage(const MailFile& file) {
-    const std::string head = file.beginning(8);
-    return !head.starts_with("!BDN") && !head.starts_with("\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1");
+    return !file.beginning(4).starts_with("!BDN") && !isItem(file);
 }
 
 bool isShown(const JobResult& result) {
     return result.status >= ternkit::kOk && result.failure == Failure::kNone;
 }
 
-JobResult showOrCorrect(const MailFile& file, const Job& job, const ShowMessage& show) {
+/// Shows a message by the filter, and one of a store or an item that it refuses by its plain text.
+JobResult showRichOrPlain(const MailFile& file, const Job& job, const ShowMessage& show) {
     JobResult result = show(file, job);
-    if (!isRefused(result)) {
+    if (!isRefused(result) || isInternetMessage(file) || job.plainTextOnly) {
         return result;
     }
-    JobResult again;
-    if (const std::optional<CorrectedCopy> corrected = correctedCopy(file, result)) {
-        const TemporaryCopy copy(corrected->bytes);
-        again = show(MailFile(copy.path()), job);
-        again.helps.push_back(corrected->help);
-    } else if (!isInternetMessage(file) && !job.plainTextOnly) {
-        Job plain = job;
-        plain.plainTextOnly = true;
-        again = show(file, plain);
-        again.helps.push_back(Help::kPlainText);
-    }
+    Job plain = job;
+    plain.plainTextOnly = true;
+    JobResult again = show(file, plain);
+    again.helps.push_back(Help::kPlainText);
     return isShown(again) ? again : result;
+}
+
+JobResult showCopy(const CorrectedCopy& corrected, const Job& job, const ShowMessage& show) {
+    const TemporaryCopy copy(corrected.bytes);
+    JobResult result = showRichOrPlain(MailFile(copy.path()), job, show);
+    result.helps.push_back(corrected.help);
+    return result;
+}
+
+JobResult showOrCorrect(const MailFile& file, const Job& job, const ShowMessage& show) {
+    if (const std::optional<CorrectedCopy> complete = job.completed ? completeCopy(file) : std::nullopt) {
+        JobResult result = showCopy(*complete, job, show);
+        if (isShown(result)) {
+            return result;
+        }
+    }
+    JobResult result = showRichOrPlain(file, job, show);
+    if (const std::optional<CorrectedCopy> corrected = correctedCopy(file, result)) {
+        JobResult again = showCopy(*corrected, job, show);
+        return isShown(again) ? again : result;
+    }
+    return result;
+}
+
+std::optional<CorrectedCopy> completeItem(const MailFile& file, Attachments attachments) {
+    std::optional<std::string> copy = itemCopy(file.handle(), attachments);
+    return copy ? std::optional(CorrectedCopy{std::move(*copy), Help::kWholeText}) : std::nullopt;
+}
+
+std::optional<CorrectedCopy> completeMessage(const MailFile& file) {
+    const std::string message = file.beginning(static_cast<std::size_t>(file.size()));
+    const bool isForeign = hasForeignForm(message);
+    if (!isForeign && !losesText(message)) {
+        return std::nullopt;
+    }
+    std::optional<CanonicalMessage> copy = canonicalMessage(message);
+    if (!copy) {
+        return std::nullopt;
+    }
+    return CorrectedCopy{std::move(copy->bytes), !copy->hasText ? Help::kNoText
+                                                 : isForeign    ? Help::kCorrected
+                                                                : Help::kWholeText};
 }
 
 }  // namespace
 
+std::optional<CorrectedCopy> completeCopy(const MailFile& file, Attachments attachments) {
+    try {
+        if (isItem(file)) {
+            return completeItem(file, attachments);
+        }
+        return isInternetMessage(file) && file.size() <= kLargestMessage ? completeMessage(file) : std::nullopt;
+    } catch (const std::bad_alloc&) {
+        return std::nullopt;  // the filter may need less for what it shows
+    }
+}
+
 bool isRefused(const JobResult& result) {
-    return result.status < ternkit::kOk && result.status != ternkit::kLoaderFailed && result.documentFormat == 0;
+    const bool isForMessage = result.status != ternkit::kLoaderFailed && result.status != ternkit::kShortWrite;
+    return result.status < ternkit::kOk && isForMessage && result.documentFormat == 0;
 }
 
 std::optional<CorrectedCopy> correctedCopy(const MailFile& file, const JobResult& result) {

@@ -39,6 +39,17 @@ bool isSeparator(std::string_view line) {
     return hasTime && hasYear;
 }
 
+/// "From sender Tue Mar  5 ...": nothing else looks like that, so that it needs no blank line in front.
+bool namesDay(std::string_view line) {
+    constexpr std::string_view kDays = "Sun Mon Tue Wed Thu Fri Sat ";
+    constexpr std::string_view kMonths = "Jan Feb Mar Apr May Jun Jul Aug Sep Oct Nov Dec ";
+    const std::size_t sender = line.find(' ', kSeparator.size());
+    const std::string_view date = sender == std::string_view::npos ? std::string_view() : line.substr(sender + 1);
+    constexpr std::size_t kWord = 4;  // with its blank
+    return date.size() > 2 * kWord && kDays.find(date.substr(0, kWord)) % kWord == 0 &&
+           kMonths.find(date.substr(kWord, kWord)) % kWord == 0;
+}
+
 /// The first line of a header block, or the mark of a separator that was quoted there.
 bool isField(std::string_view line) {
     const std::size_t colon = line.find(':');
@@ -161,7 +172,7 @@ std::optional<Mbox> Mbox::open(int descriptor) {
         if (afterSeparator && isField(text)) {
             begins.push_back(separator);
         }
-        afterSeparator = afterBlank && isSeparator(text);
+        afterSeparator = isSeparator(text) && (afterBlank || namesDay(text));
         separator = line->begin;
         afterBlank = text.empty();
         const bool isSecond = line->begin != 0;

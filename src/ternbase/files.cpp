@@ -4,9 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <new>
 
 #include "ternbase/private_directory.h"
 #include "ternbase/ternbase.h"
@@ -21,7 +21,10 @@ struct OpenFile {
 };
 
 ternkit::FileHandle handOut(ternbase::Descriptor descriptor) {
-    auto file = std::make_unique<OpenFile>();
+    std::unique_ptr<OpenFile> file(new (std::nothrow) OpenFile);
+    if (file == nullptr) {
+        return ternkit::kInvalidHandle;
+    }
     file->descriptor = std::move(descriptor);
     TbTrackNew(kTbTrackObject, file.get(), TB_HERE);
     return reinterpret_cast<ternkit::FileHandle>(file.release());
@@ -65,12 +68,9 @@ ternkit::FileHandle TbFileOpen(const char16_t* path, std::uint32_t /*reserved*/,
     if (path == nullptr) {
         return ternkit::kInvalidHandle;
     }
-    // A host's path is taken as it stands: a backslash is part of a name there.
-    const std::size_t units = std::char_traits<char16_t>::length(path);
-    std::string native(units * 3, '\0');
-    native.resize(TbUtf8FromWide(path, units, native.data(), native.size()));
+    const ternbase::NativePath native(path);
     // Non-blocking, or opening a pipe would wait for its writer before its kind can be seen.
-    ternbase::Descriptor descriptor(open(native.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    ternbase::Descriptor descriptor(open(native.text(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     struct stat status {};
     return isRegularFile(descriptor, status) ? handOut(std::move(descriptor)) : ternkit::kInvalidHandle;
 }
@@ -126,8 +126,8 @@ ternkit::FileHandle TbFileCreate(const char16_t* path, std::uint32_t /*reserved*
     if (!place.directory) {
         return ternkit::kInvalidHandle;
     }
-    ternbase::Descriptor descriptor(openat(place.directory.get(), place.name.c_str(),
-                                           O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600));
+    ternbase::Descriptor descriptor(
+        openat(place.directory.get(), place.name, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600));
     // Truncated only once it is known to be a plain file with no second name outside.
     struct stat status {};
     if (!isRegularFile(descriptor, status) || status.st_nlink != 1 || ftruncate(descriptor.get(), 0) != 0) {
@@ -156,7 +156,7 @@ ternkit::Status TbMapError(ternkit::Status status) {
 void TbFileDelete(const char16_t* path) {
     const ternbase::InsidePath place = ternbase::resolveInside(ternbase::nativeFromWide(path));
     if (place.directory) {
-        unlinkat(place.directory.get(), place.name.c_str(), 0);
+        unlinkat(place.directory.get(), place.name, 0);
     }
 }
 
@@ -164,10 +164,11 @@ void TbFileDeleteNarrow(const char* path) {
     if (path == nullptr) {
         return;
     }
-    std::string native = path;
-    std::replace(native.begin(), native.end(), '\\', '/');
+    ternbase::NativePath native;
+    native.append(path);
+    native.separate();
     const ternbase::InsidePath place = ternbase::resolveInside(native);
     if (place.directory) {
-        unlinkat(place.directory.get(), place.name.c_str(), 0);
+        unlinkat(place.directory.get(), place.name, 0);
     }
 }

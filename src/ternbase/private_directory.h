@@ -1,7 +1,9 @@
 // The private directory that holds all temporary files of this user, and the only place where the module may make or delete any.
 #pragma once
 
-#include <string>
+#include <climits>
+#include <cstddef>
+#include <string_view>
 
 namespace ternbase {
 
@@ -24,8 +26,30 @@ private:
     int m_descriptor = -1;
 };
 
+/// A path as the system takes it: UTF-8, NUL-terminated; empty when it would be too long for the system. It needs no memory, so
+/// that temporary files can be removed however short that is.
+class NativePath {
+public:
+    NativePath() { m_text[0] = '\0'; }
+    /// Of a path that a host names; a backslash is part of a name there. Null gives an empty one.
+    explicit NativePath(const char16_t* path);
+
+    /// A path becomes empty, and stays it, with what does not fit.
+    void append(std::string_view more);
+    /// Puts a separator in the place of each backslash, as in paths that the module makes.
+    void separate();
+
+    const char* text() const { return m_text; }
+    std::string_view view() const { return {m_text, m_size}; }
+
+private:
+    std::size_t m_size = 0;
+    bool m_overflow = false;
+    char m_text[PATH_MAX];  // only what is used is written
+};
+
 struct PrivateDirectory {
-    std::string path;  // UTF-8, absolute, without a trailing separator
+    NativePath path;  // absolute, without a trailing separator
     Descriptor directory;
 };
 
@@ -36,14 +60,14 @@ PrivateDirectory openPrivateDirectory();
 /// A name inside the private directory: the directory that holds it, and its last component.
 struct InsidePath {
     Descriptor directory;
-    std::string name;
+    char name[NAME_MAX + 1] = {};
 };
 
 /// Finds the place of a path that the module made. The descriptor is empty when the path lies elsewhere, has a ".." component, or
 /// goes through a link. The last component is not looked at: the caller opens it without following links.
-InsidePath resolveInside(const std::string& path);
+InsidePath resolveInside(const NativePath& path);
 
-/// Native form of a module-made path: UTF-8, with a separator for each backslash.
-std::string nativeFromWide(const char16_t* path);
+/// Native form of a module-made path, with a separator for each backslash.
+NativePath nativeFromWide(const char16_t* path);
 
 }  // namespace ternbase

@@ -7,8 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <string>
 #include <utility>
 
 #include "ternbase/last_error.h"
@@ -36,6 +39,28 @@ int Descriptor::release() {
     return std::exchange(m_descriptor, -1);
 }
 
+NativePath::NativePath(const char16_t* path) : NativePath() {
+    if (path != nullptr) {
+        const std::size_t units = std::char_traits<char16_t>::length(path);
+        m_size = TbUtf8FromWide(path, units, m_text, sizeof(m_text) - 1);
+        m_overflow = m_size == 0;
+        m_text[m_size] = '\0';
+    }
+}
+
+void NativePath::append(std::string_view more) {
+    m_overflow = m_overflow || more.size() >= sizeof(m_text) - m_size;
+    if (!m_overflow) {
+        std::copy(more.begin(), more.end(), m_text + m_size);
+    }
+    m_size = m_overflow ? 0 : m_size + more.size();
+    m_text[m_size] = '\0';
+}
+
+void NativePath::separate() {
+    std::replace(m_text, m_text + m_size, '\\', '/');
+}
+
 namespace {
 
 /// A base whose path could not stand in a module-made path (its backslashes would be taken for separators) is passed over.
@@ -43,16 +68,24 @@ bool usableBase(const char* base) {
     return base != nullptr && base[0] == '/' && std::strchr(base, '\\') == nullptr;
 }
 
-PrivateDirectory openUnder(std::string base) {
+PrivateDirectory openUnder(std::string_view base) {
     while (base.size() > 1 && base.back() == '/') {
-        base.pop_back();
+        base.remove_suffix(1);
     }
+    char user[16];
+    const auto [end, error] = std::to_chars(std::begin(user), std::end(user), geteuid());
     PrivateDirectory result;
-    result.path = base + "/ternkit-" + std::to_string(geteuid());
-    if (mkdir(result.path.c_str(), 0700) != 0 && errno != EEXIST) {
-        return result;
+    result.path.append(base);
+    result.path.append("/ternkit-");
+    result.path.append({user, static_cast<std::size_t>(end - user)});
+    const auto openIt = [&result] {
+        return Descriptor(open(result.path.text(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    };
+    // One that is there is not made again: removing what lies in it must not depend on room on the disk.
+    Descriptor directory = openIt();
+    if (!directory && errno == ENOENT && (mkdir(result.path.text(), 0700) == 0 || errno == EEXIST)) {
+        directory = openIt();
     }
-    Descriptor directory(open(result.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
     if (directory && fstat(directory.get(), &status) == 0 && status.st_uid == geteuid() && (status.st_mode & 07777) == 0700) {
         result.directory = std::move(directory);
@@ -75,44 +108,39 @@ PrivateDirectory openPrivateDirectory() {
     return {};
 }
 
-InsidePath resolveInside(const std::string& path) {
+InsidePath resolveInside(const NativePath& nativePath) {
     PrivateDirectory root = openPrivateDirectory();
-    if (!root.directory || path.size() <= root.path.size() + 1 || path.compare(0, root.path.size(), root.path) != 0 ||
-        path[root.path.size()] != '/') {
+    const std::string_view path = nativePath.view();
+    const std::string_view inside = root.path.view();
+    if (!root.directory || path.size() <= inside.size() + 1 || !path.starts_with(inside) || path[inside.size()] != '/') {
         return {};
     }
     InsidePath result{std::move(root.directory), {}};
-    std::size_t position = root.path.size();
+    std::size_t position = inside.size();
     while (position < path.size()) {
         const std::size_t start = path.find_first_not_of('/', position);
-        if (start == std::string::npos) {
+        if (start == std::string_view::npos) {
             break;
         }
         const std::size_t end = std::min(path.find('/', start), path.size());
-        if (!result.name.empty()) {
+        if (result.name[0] != '\0') {
             result.directory =
-                Descriptor(openat(result.directory.get(), result.name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+                Descriptor(openat(result.directory.get(), result.name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         }
-        result.name = path.substr(start, end - start);
-        if (!result.directory || result.name == "..") {
+        const std::string_view name = path.substr(start, end - start);
+        if (!result.directory || name == ".." || name.size() >= sizeof(result.name)) {
             return {};
         }
+        *std::copy(name.begin(), name.end(), result.name) = '\0';
         position = end;
     }
-    if (result.name.empty() || result.name == ".") {
-        return {};
-    }
-    return result;
+    const std::string_view name = result.name;
+    return name.empty() || name == "." ? InsidePath() : std::move(result);
 }
 
-std::string nativeFromWide(const char16_t* path) {
-    if (path == nullptr) {
-        return {};
-    }
-    const std::size_t units = std::char_traits<char16_t>::length(path);
-    std::string native(units * 3, '\0');
-    native.resize(TbUtf8FromWide(path, units, native.data(), native.size()));
-    std::replace(native.begin(), native.end(), '\\', '/');
+NativePath nativeFromWide(const char16_t* path) {
+    NativePath native(path);
+    native.separate();
     return native;
 }
 
@@ -120,35 +148,68 @@ std::string nativeFromWide(const char16_t* path) {
 
 namespace {
 
-/// 10 characters of 5 random bits each: unguessable, and the same name on file systems that fold case.
-std::string randomName() {
-    static constexpr char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz234567";
-    unsigned char bytes[10];
+constexpr std::size_t kRandomCharacters = 10;
+
+/// Characters of 5 random bits each: unguessable, and the same name on file systems that fold case.
+bool randomName(char16_t (&name)[kRandomCharacters]) {
+    static constexpr char16_t kAlphabet[] = u"abcdefghijklmnopqrstuvwxyz234567";
+    unsigned char bytes[kRandomCharacters];
     if (getrandom(bytes, sizeof(bytes), 0) != static_cast<ssize_t>(sizeof(bytes))) {
-        return {};
+        return false;
     }
-    std::string name;
-    for (const unsigned char byte : bytes) {
-        name += kAlphabet[byte & 31];
-    }
-    return name;
+    std::transform(std::begin(bytes), std::end(bytes), name, [](unsigned char byte) { return kAlphabet[byte & 31]; });
+    return true;
 }
 
 /// Reserves a file of the name; false when something of that name is there or the directory is not ours.
-bool reserve(const std::string& path) {
-    const ternbase::InsidePath place = ternbase::resolveInside(path);
+bool reserve(const char16_t* path) {
+    const ternbase::InsidePath place = ternbase::resolveInside(ternbase::nativeFromWide(path));
     if (!place.directory) {
         return false;
     }
     const ternbase::Descriptor file(
-        openat(place.directory.get(), place.name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        openat(place.directory.get(), place.name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     return static_cast<bool>(file);
 }
 
-void append(std::u16string& text, const char16_t* more) {
-    if (more != nullptr) {
-        text += more;
+/// A path in the making.
+class WidePath {
+public:
+    void append(std::u16string_view more) {
+        m_overflow = m_overflow || more.size() >= std::size(m_text) - m_size;
+        if (!m_overflow) {
+            m_size = static_cast<std::size_t>(std::copy(more.begin(), more.end(), m_text + m_size) - m_text);
+            m_text[m_size] = 0;
+        }
     }
+    void append(const char16_t* more) {
+        if (more != nullptr) {
+            append(std::u16string_view(more));
+        }
+    }
+    void cut(std::size_t size) { m_text[m_size = size] = 0; }
+
+    std::size_t size() const { return m_size; }
+    const char16_t* text() const { return m_text; }
+    bool fits(std::uint32_t capacity) const { return !m_overflow && m_size < capacity; }
+
+private:
+    std::size_t m_size = 0;
+    bool m_overflow = false;
+    char16_t m_text[PATH_MAX];
+};
+
+/// @return false when there is no such directory
+bool appendPrivateDirectory(WidePath& path) {
+    const ternbase::PrivateDirectory root = ternbase::openPrivateDirectory();
+    const std::string_view native = root.path.view();
+    char16_t wide[PATH_MAX];
+    if (!root.directory) {
+        return false;
+    }
+    path.append(std::u16string_view(wide, TbWideFromUtf8(native.data(), native.size(), wide, std::size(wide))));
+    path.append(u"/");
+    return true;
 }
 
 }  // namespace
@@ -158,35 +219,30 @@ ternkit::Status TbTempName(const char16_t* directory, char16_t* out, std::uint32
     if (out == nullptr) {
         return ternkit::kBadArgument;
     }
-    std::u16string start;
+    WidePath path;
     if (directory != nullptr) {
-        start = directory;
-    } else {
-        const ternbase::PrivateDirectory root = ternbase::openPrivateDirectory();
-        char16_t wide[4096];
-        if (!root.directory || root.path.size() >= sizeof(wide) / sizeof(wide[0])) {
-            return ternkit::kCannotCreate;
-        }
-        start.assign(wide, TbWideFromUtf8(root.path.data(), root.path.size(), wide, sizeof(wide) / sizeof(wide[0])));
-        start += u'/';
+        path.append(directory);
+    } else if (!appendPrivateDirectory(path)) {
+        return ternkit::kCannotCreate;
     }
-    append(start, prefix);
+    path.append(prefix);
+    const std::size_t start = path.size();
     for (int attempt = 0; attempt < 100; ++attempt) {
-        const std::string random = randomName();
-        std::u16string name = start + std::u16string(random.begin(), random.end());
-        if (extension != nullptr) {
-            name += u'.';
-            name += extension;
-        }
-        if (name.size() >= capacity) {
-            return ternkit::kPathTooLong;
-        }
-        if (random.empty()) {
+        char16_t random[kRandomCharacters];
+        if (!randomName(random)) {
             break;
         }
-        if (reserve(ternbase::nativeFromWide(name.c_str()))) {
-            std::copy(name.begin(), name.end(), out);
-            out[name.size()] = 0;
+        path.cut(start);
+        path.append(std::u16string_view(random, kRandomCharacters));
+        if (extension != nullptr) {
+            path.append(u".");
+            path.append(extension);
+        }
+        if (!path.fits(capacity)) {
+            return ternkit::kPathTooLong;
+        }
+        if (reserve(path.text())) {
+            *std::copy_n(path.text(), path.size(), out) = 0;
             return ternkit::kOk;
         }
     }
@@ -195,7 +251,7 @@ ternkit::Status TbTempName(const char16_t* directory, char16_t* out, std::uint32
 
 int CreateDirectoryW(const char16_t* path, void* /*securityAttributes*/) {
     const ternbase::InsidePath place = ternbase::resolveInside(ternbase::nativeFromWide(path));
-    if (place.directory && mkdirat(place.directory.get(), place.name.c_str(), 0700) == 0) {
+    if (place.directory && mkdirat(place.directory.get(), place.name, 0700) == 0) {
         return 1;
     }
     constexpr std::uint32_t kErrorAccessDenied = 5;
@@ -205,14 +261,15 @@ int CreateDirectoryW(const char16_t* path, void* /*securityAttributes*/) {
 
 int RemoveDirectoryW(const char16_t* path) {
     const ternbase::InsidePath place = ternbase::resolveInside(ternbase::nativeFromWide(path));
-    return place.directory && unlinkat(place.directory.get(), place.name.c_str(), AT_REMOVEDIR) == 0 ? 1 : 0;
+    return place.directory && unlinkat(place.directory.get(), place.name, AT_REMOVEDIR) == 0 ? 1 : 0;
 }
 
 std::size_t TbHostNativePath(const char16_t* path, char* out, std::size_t capacity) {
-    const std::string native = ternbase::nativeFromWide(path);
-    if (out == nullptr || native.size() >= capacity) {
+    const ternbase::NativePath native = ternbase::nativeFromWide(path);
+    const std::string_view text = native.view();
+    if (out == nullptr || text.size() >= capacity) {
         return 0;
     }
-    std::memcpy(out, native.c_str(), native.size() + 1);
-    return native.size();
+    *std::copy(text.begin(), text.end(), out) = '\0';
+    return text.size();
 }

@@ -21,6 +21,11 @@ constexpr std::uint64_t kDataUriLeadSize = sizeof(kDataUriLead) - 1;
 constexpr double kDataUriGrowth = 1.4;
 constexpr std::uint64_t kRewriteCost = 64;  // what a replacement costs beside its bytes, in bytes
 constexpr std::string_view kVmlImageData = "<v:imagedata";
+// What rewriting one message may cost, so that a large picture in the place of each of many references does not fill the memory:
+// something in any case, and several times the message's own bytes.
+constexpr std::uint64_t kRewritingAnyway = std::uint64_t{64} << 20;
+constexpr std::uint64_t kRewritingPerTextByte = 16;
+constexpr std::uint64_t kRewritingsPerPicture = 4;
 
 bool isPresent(const char* text) {
     return text != nullptr && *text != '\0';
@@ -227,7 +232,7 @@ Status LocateInlineImage(InlineImageContext& context, const char* location, cons
     context.contentId = contentId;
     if (!context.text) {
         context.text.emplace(std::string_view(context.body.data, BoundedLength(context.body.data, context.body.size)));
-        context.rewriteBudget = TbMemBlockLimit();
+        context.rewriteBudget = kRewritingAnyway + kRewritingPerTextByte * context.text->size();
     }
     if (isPresent(contentId)) {
         context.cidText.size = 0;
@@ -343,6 +348,7 @@ Status EmbedInlineImage(InlineImageContext& context, const char* data, std::uint
     }
     std::uint64_t replaced = 0;
     context.rewritten = true;
+    context.rewriteBudget += kRewritingsPerPicture * (replacementSize + kRewriteCost);
     status =
         ReferenceRewriter(*context.text, context.needle, std::string_view(replacement, replacementSize), context.rewriteBudget)
             .run(context.matchOffset, replaced);

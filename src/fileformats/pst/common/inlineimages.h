@@ -42,8 +42,8 @@ ternkit::Status LocateInlineImage(InlineImageContext& context, const char* locat
  * Replaces every reference that LocateInlineImage has found the first of. The whole quoted value around it gives way.
  *
  * A replacement may itself name the next attachment, so that each of many attachments rewrites every reference of a long body
- * anew. All replacements of one message together may therefore take no more bytes than a block may have, or memory counts as
- * short.
+ * anew; and a body may name one large picture many times. All replacements of one message together may therefore take no more
+ * than 64 MiB, 16 times the body and 4 times what stands for each picture, or memory counts as short.
  *
  * @param data the attachment's bytes
  * @param replacedCount receives the references replaced; may be null

@@ -143,6 +143,35 @@ std::optional<RewritableText::Position> RewritableText::findAcross(const Needle&
                             : std::nullopt;
 }
 
+/// Searches a text that is longer than a chunk, which would be looked for across many seams, byte by byte: after a mismatch the
+/// search goes on with the longest beginning of the text that ends there (Knuth, Morris and Pratt).
+std::optional<RewritableText::Position> RewritableText::findLong(std::string_view needle, Position from) {
+    std::vector<std::size_t> borders(needle.size(), 0);  // for each beginning, the longest other one that it ends with
+    const auto grown = [&](std::size_t matched, char byte) {
+        while (matched != 0 && needle[matched] != byte) {
+            matched = borders[matched - 1];
+        }
+        return needle[matched] == byte ? matched + 1 : 0;
+    };
+    for (std::size_t at = 1; at < needle.size(); ++at) {
+        borders[at] = grown(borders[at - 1], needle[at]);
+    }
+    std::size_t matched = 0;
+    std::size_t passed = 0;
+    for (Position at = from; at.chunk != m_chunks.end() && !isExhausted(); at = {std::next(at.chunk), 0}) {
+        const std::string_view stretch = std::string_view(at.chunk->text).substr(at.offset);
+        m_scanBudget -= std::min<std::uint64_t>(m_scanBudget, stretch.size());
+        for (const char byte : stretch) {
+            matched = grown(matched, byte);
+            ++passed;
+            if (matched == needle.size()) {
+                return advance(from, passed - matched);
+            }
+        }
+    }
+    return std::nullopt;
+}
+
 std::optional<RewritableText::Position> RewritableText::find(std::string_view text, Position from) {
     const Needle needle(text);
     if (m_groups.empty() && ++m_searches >= kSearchesBeforeFilter) {
@@ -159,6 +188,9 @@ std::optional<RewritableText::Position> RewritableText::find(std::string_view te
     }
     if (!mayOccur(needle)) {
         return std::nullopt;
+    }
+    if (text.size() > m_chunkSize) {
+        return findLong(text, from);
     }
     for (; from.chunk != m_chunks.end() && !isExhausted(); from = {std::next(from.chunk), 0}) {
         if (const auto inside = findInside(needle, from.chunk, from.offset)) {

@@ -71,6 +71,7 @@ private:
     struct Needle;
 
     bool mayOccur(const Needle& needle) const;
+    std::optional<Position> findLong(std::string_view needle, Position from);
     std::optional<Position> findInside(const Needle& needle, Chunks::iterator chunk, std::size_t from);
     std::optional<Position> findAcross(const Needle& needle, Chunks::iterator chunk, std::size_t from);
     const char* scan(std::string_view text, const Needle& needle);

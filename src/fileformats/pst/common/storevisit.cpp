@@ -238,8 +238,8 @@ private:
         Trial trial(m_db->budget(), isKnown ? pstsdk::store_budget::taking::tentative : pstsdk::store_budget::taking::for_good);
         const auto status = readPage(page, message, trial);
         if (isKnown) {
-            const std::uint64_t cost = kReadingCost + (m_db->bytes_read() - readBefore);
-            spend(cost - std::min(cost, page->document != nullptr ? page->document->document.size : 0));
+            const std::uint64_t made = page->document != nullptr ? page->document->document.size : 0;
+            spend(kReadingCost + std::max(m_db->bytes_read() - readBefore, made));
         }
         if (status) {
             visitPage(*page, *status);

@@ -340,6 +340,12 @@ TEST_F(Repair, HostileMailStaysWithinBounds) {
         const Outcome outcome = run("document mail.eml --timeout 30");
         EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
     }
+    std::string words = header("Words") + "Content-Type: text/plain\r\nSubject: ";
+    for (int count = 0; count < 80'000; ++count) {
+        words += "=?utf-8?Q?a";
+    }
+    write("mail.eml", words + "\r\n\r\nSee you.\r\n");
+    EXPECT_EQ(run("list mail.eml --timeout 10").exitCode, 0);
 }
 
 }  // namespace

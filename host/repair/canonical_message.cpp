@@ -558,7 +558,26 @@ std::string write(const std::string& fields, const DecodedText& text, const std:
     return out + delimiter + "--\r\n";
 }
 
+/// True for a field with so many beginnings of encoded words that GMime, which looks for the end of each, would take its time.
+bool hasEndlessWords(std::string_view message) {
+    constexpr std::size_t kMostWords = 4096;
+    std::size_t words = 0;
+    for (std::size_t at = 0; at + 1 < message.size(); ++at) {
+        const char next = message[at + 1];
+        if (message[at] == '\n' && next != ' ' && next != '\t') {
+            words = 0;
+        } else if (message[at] == '=' && next == '?' && ++words > kMostWords) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// @return null also for a message that is not worth its time
 Ref<GMimeMessage> parse(std::string_view bytes) {
+    if (hasEndlessWords(bytes)) {
+        return {};
+    }
     static const bool isReady = (g_mime_init(), true);
     static_cast<void>(isReady);
     const Ref<GMimeStream> stream(g_mime_stream_mem_new_with_buffer(bytes.data(), bytes.size()));

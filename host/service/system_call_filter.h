@@ -5,7 +5,7 @@ namespace ternview {
 
 /**
  * Refuses with EPERM, for good and in all later children too, what reading and laying out a document does not need: sockets but
- * for connected pairs, new programs, looking into other processes and signals to them, other namespaces and mounts, and input for
+ * for connected pairs, new programs, tracing other processes and signals to them, other namespaces and mounts, and input for
  * the terminal. Descriptors that are open already stay usable.
  *
  * @return false when the kernel has no system-call filters, or may not give one

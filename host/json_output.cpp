@@ -126,7 +126,9 @@ std::optional<JobResult> unpackResult(std::string_view text) {
         take(report.at("size"), result.size);
         take(report.at("pages"), result.pages);
         for (const auto& file : report.at("tempFiles")) {
-            take(file.at("size"), result.tempFiles.emplace_back(file.at("name").get<std::string>()).size);
+            TempFile known{file.at("name").get<std::string>(), 0};
+            take(file.at("size"), known.size);
+            result.tempFiles.push_back(std::move(known));
         }
         for (const auto& help : report.at("helps")) {
             result.helps.push_back(helpNamed(help.get<std::string>()));

@@ -489,10 +489,12 @@ std::string withoutContentWords(const std::string& value) {
     const auto holds = [&value](std::string_view word) {
         return std::search(value.begin(), value.end(), word.begin(), word.end(), isSameLetter) != value.end();
     };
-    if (value.find("=?") != std::string::npos || (!holds("content-") && !holds("boundary") && !holds("charset"))) {
+    if (!holds("content-") && !holds("boundary") && !holds("charset")) {
         return value;
     }
-    const OwnedText encoded(g_base64_encode(reinterpret_cast<const guchar*>(value.data()), value.size()));
+    const OwnedText decoded(g_mime_utils_header_decode_text(nullptr, value.c_str()));
+    const std::string_view text = decoded.get();
+    const OwnedText encoded(g_base64_encode(reinterpret_cast<const guchar*>(text.data()), text.size()));
     return "=?utf-8?B?" + std::string(encoded.get()) + "?=";
 }
 

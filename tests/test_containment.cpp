@@ -302,9 +302,9 @@ TEST_F(Contained, ReferencesReachNothing) {
     const std::string picture = (secrets / "picture.png").string();
     std::string html = "<html><body><p>Hello</p>";
     const std::string host = remote.substr(remote.find("//"));  // "//127.0.0.1:port/p.png"
-    for (const std::string& address :
-         {picture, "file:" + picture, "file://" + picture, "file://localhost" + picture, "../work/secrets/picture.png"s,
-          "secrets/picture.png"s, remote, host, "\\\\127.0.0.1\\share\\p.png"s, "ftp:" + host}) {
+    for (const std::string& address : {picture, "file:" + picture, "file://" + picture, "file://localhost" + picture,
+                                       "../" + (work().filename() / "secrets/picture.png").string(), "secrets/picture.png"s,
+                                       remote, host, "\\\\127.0.0.1\\share\\p.png"s, "ftp:" + host}) {
         html += "<img src=\"" + address + "\"><p style=\"background:url('" + address + "')\">x</p><link rel=stylesheet href=\"" +
                 address + "\"><iframe src=\"" + address + "\"></iframe><object data=\"" + address + "\"></object>";
         html += "<img src=\"data:image/svg+xml;base64," +

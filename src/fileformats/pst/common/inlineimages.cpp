@@ -134,7 +134,7 @@ public:
     ReferenceRewriter(RewritableText& text, std::string_view needle, std::string_view replacement, std::uint64_t& budget)
         : m_text(text), m_needle(needle), m_replacement(replacement), m_budget(budget) {}
 
-    /// @return 1, or -1 when the text would outgrow a block, or the budget is used up
+    /// @return 1, or -1 when the text would outgrow a block, or a budget is used up
     Status run(RewritableText::Position firstMatch, std::uint64_t& replaced) {
         std::optional<RewritableText::Position> match = firstMatch;
         m_seenUpTo = m_text.begin();
@@ -152,7 +152,7 @@ public:
             }
             match = m_text.find(m_needle, next);
         }
-        return ternkit::kOk;
+        return m_text.isExhausted() ? ternkit::kNoMemory : ternkit::kOk;
     }
 
 private:

@@ -1,6 +1,7 @@
 #include "fileformats/pst/common/rewritabletext.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "common/apiutils.h"
@@ -10,6 +11,11 @@ namespace {
 constexpr std::size_t kGroupSize = 4;
 constexpr unsigned kSearchesBeforeFilter = 8;  // making a filter costs about as much as a few searches
 constexpr std::size_t kSampledGroups = 16;
+constexpr std::uint64_t kGrowthOfFilters = 8;
+constexpr std::size_t kShelfChunks = 32;
+constexpr std::size_t kFewestShelves = 2;
+constexpr std::size_t kPlacesForByte = 4;  // of chunks and shelves, at least
+constexpr std::size_t kFewestPlaces = 64;  // a word
 constexpr std::uint64_t kScansOfEachByte = 64;
 constexpr std::uint64_t kLeastScanBudget = 1'000'000'000;
 
@@ -18,10 +24,6 @@ std::uint32_t groupHash(const char* bytes) {
     std::memcpy(&group, bytes, kGroupSize);
     group *= 2654435761U;
     return group ^ (group >> 15);
-}
-
-std::size_t chunkBit(std::uint32_t hash) {
-    return hash >> 17;
 }
 
 /// A pair of bytes, folded to one.
@@ -47,10 +49,23 @@ struct RewritableText::Needle {
         }
     }
 
+    /// False when it does not occur where these groups begin.
+    bool mayOccurIn(const GroupSet& set) const {
+        return std::all_of(groups.begin(), groups.end(), [&](std::uint32_t hash) { return set.has(hash); });
+    }
+
     std::string_view text;
     std::vector<std::uint32_t> groups;
     std::bitset<256> pairs;
 };
+
+RewritableText::GroupSet::GroupSet(std::size_t places) : m_words(places / kBits, 0), m_mask(places - 1) {}
+
+void RewritableText::GroupSet::addAll(std::string_view text) {
+    for (std::size_t at = 0; at + kGroupSize <= text.size(); ++at) {
+        add(groupHash(text.data() + at));
+    }
+}
 
 RewritableText::RewritableText(std::string_view text, std::size_t chunkSize)
     : m_chunkSize(chunkSize), m_size(text.size()), m_scanBudget(kScansOfEachByte * text.size() + kLeastScanBudget) {
@@ -83,28 +98,50 @@ std::string RewritableText::bytesAt(Position position, std::size_t count) {
     return bytes;
 }
 
-void RewritableText::noteSearch(Chunk& chunk) {
-    if (chunk.filter != nullptr || ++chunk.searches < kSearchesBeforeFilter) {
+/// Enters the groups that begin in a chunk.
+void RewritableText::addGroups(GroupSet& groups, Chunks::iterator chunk) {
+    groups.addAll(bytesAt({chunk, 0}, chunk->text.size() + kGroupSize - 1));
+}
+
+void RewritableText::noteSearch(Chunks::iterator chunk) {
+    if (chunk->filter != nullptr || ++chunk->searches < kSearchesBeforeFilter) {
         return;
     }
-    chunk.filter = std::make_unique<Filter>();
-    for (std::size_t at = 0; at + kGroupSize <= chunk.text.size(); ++at) {
-        chunk.filter->groups.set(chunkBit(groupHash(chunk.text.data() + at)));
-    }
-    for (const char byte : chunk.text) {
-        chunk.filter->bytes.set(static_cast<unsigned char>(byte));
-    }
-}
-
-void RewritableText::noteGroups(std::string_view text) {
-    for (std::size_t at = 0; at + kGroupSize <= text.size(); ++at) {
-        m_groups[groupHash(text.data() + at) & (m_groups.size() - 1)] = true;
+    chunk->filter = std::make_unique<Filter>();
+    chunk->filter->groups = GroupSet(std::max(kFewestPlaces, std::bit_ceil(kPlacesForByte * m_chunkSize)));
+    addGroups(chunk->filter->groups, chunk);
+    for (const char byte : chunk->text) {
+        chunk->filter->bytes.set(static_cast<unsigned char>(byte));
     }
 }
 
-bool RewritableText::mayOccur(const Needle& needle) const {
-    return m_groups.empty() || std::all_of(needle.groups.begin(), needle.groups.end(),
-                                           [this](std::uint32_t hash) { return m_groups[hash & (m_groups.size() - 1)]; });
+/// Makes the filters of shelves and of the whole text.
+void RewritableText::makeFilters() {
+    constexpr std::uint64_t kFewest = std::uint64_t{1} << 16;
+    constexpr std::uint64_t kMost = std::uint64_t{1} << 27;
+    m_filteredSize = m_size;
+    m_groups = GroupSet(std::clamp(std::bit_ceil(8 * m_size), kFewest, kMost));
+    for (auto chunk = m_chunks.begin(); chunk != m_chunks.end(); ++chunk) {
+        addGroups(m_groups, chunk);
+    }
+    if (m_chunks.size() >= kFewestShelves * kShelfChunks) {
+        makeShelves(m_chunks.begin(), m_chunks.end());
+    }
+}
+
+/// Puts the chunks [from, to) on new shelves.
+void RewritableText::makeShelves(Chunks::iterator from, Chunks::iterator to) {
+    std::shared_ptr<Shelf> shelf;
+    for (auto chunk = from; chunk != to; ++chunk) {
+        if (shelf == nullptr || shelf->count == kShelfChunks) {
+            shelf = std::make_shared<Shelf>();
+            shelf->groups = GroupSet(std::max(kFewestPlaces, std::bit_ceil(kPlacesForByte * kShelfChunks * m_chunkSize)));
+        }
+        addGroups(shelf->groups, chunk);
+        shelf->last = chunk;
+        ++shelf->count;
+        chunk->shelf = shelf;
+    }
 }
 
 /// Searches a stretch and charges what was looked at.
@@ -117,10 +154,8 @@ const char* RewritableText::scan(std::string_view text, const Needle& needle) {
 
 std::optional<RewritableText::Position> RewritableText::findInside(const Needle& needle, Chunks::iterator chunk,
                                                                    std::size_t from) {
-    noteSearch(*chunk);
-    const Filter* filter = chunk->filter.get();
-    if (filter != nullptr && !std::all_of(needle.groups.begin(), needle.groups.end(),
-                                          [filter](std::uint32_t hash) { return filter->groups.test(chunkBit(hash)); })) {
+    noteSearch(chunk);
+    if (chunk->filter != nullptr && !needle.mayOccurIn(chunk->filter->groups)) {
         return std::nullopt;
     }
     const char* found = scan(std::string_view(chunk->text).substr(from), needle);
@@ -128,19 +163,29 @@ std::optional<RewritableText::Position> RewritableText::findInside(const Needle&
                             : std::nullopt;
 }
 
-/// An occurrence that begins in a chunk and ends in a later one.
-std::optional<RewritableText::Position> RewritableText::findAcross(const Needle& needle, Chunks::iterator chunk,
-                                                                   std::size_t from) {
-    const auto next = std::next(chunk);
+/// An occurrence that begins at `from` or behind it, in the chunk `last` or in front of it, and ends behind that chunk.
+std::optional<RewritableText::Position> RewritableText::findAcross(const Needle& needle, Position from, Chunks::iterator last) {
+    const auto next = std::next(last);
     const std::size_t reach = needle.text.size() - 1;
-    if (reach == 0 || next == m_chunks.end() || !needle.pairs.test(pairBit(chunk->text.back(), next->text.front()))) {
+    if (reach == 0 || next == m_chunks.end() || !needle.pairs.test(pairBit(last->text.back(), next->text.front()))) {
         return std::nullopt;
     }
-    const std::size_t start = std::max(from, chunk->text.size() - std::min(reach, chunk->text.size()));
-    const std::string seam = bytesAt({chunk, start}, chunk->text.size() - start + reach);
+    Position start = {last, last->text.size()};
+    std::size_t before = 0;  // bytes from there to the end of the chunk
+    while (before < reach) {
+        const std::size_t first = start.chunk == from.chunk ? from.offset : 0;
+        const std::size_t step = std::min(reach - before, start.offset - first);
+        start.offset -= step;
+        before += step;
+        if (before == reach || start.chunk == from.chunk) {
+            break;
+        }
+        --start.chunk;
+        start.offset = start.chunk->text.size();
+    }
+    const std::string seam = bytesAt(start, before + reach);
     const char* found = scan(seam, needle);
-    return found != nullptr ? std::optional<Position>({chunk, start + static_cast<std::size_t>(found - seam.data())})
-                            : std::nullopt;
+    return found != nullptr ? std::optional(advance(start, static_cast<std::size_t>(found - seam.data()))) : std::nullopt;
 }
 
 /// Searches a text that is longer than a chunk, which would be looked for across many seams, byte by byte: after a mismatch the
@@ -174,31 +219,30 @@ std::optional<RewritableText::Position> RewritableText::findLong(std::string_vie
 
 std::optional<RewritableText::Position> RewritableText::find(std::string_view text, Position from) {
     const Needle needle(text);
-    if (m_groups.empty() && ++m_searches >= kSearchesBeforeFilter) {
-        constexpr std::size_t kFewestBits = std::size_t{1} << 16;
-        constexpr std::size_t kMostBits = std::size_t{1} << 27;
-        std::size_t bits = kFewestBits;
-        while (bits < kMostBits && bits < 8 * m_size) {
-            bits *= 2;
-        }
-        m_groups.assign(bits, false);
-        for (auto chunk = m_chunks.begin(); chunk != m_chunks.end(); ++chunk) {
-            noteGroups(bytesAt({chunk, 0}, chunk->text.size() + kGroupSize - 1));
-        }
+    if (m_groups.isEmpty() && ++m_searches >= kSearchesBeforeFilter) {
+        makeFilters();
     }
-    if (!mayOccur(needle)) {
+    if (!m_groups.isEmpty() && !needle.mayOccurIn(m_groups)) {
         return std::nullopt;
     }
     if (text.size() > m_chunkSize) {
         return findLong(text, from);
     }
-    for (; from.chunk != m_chunks.end() && !isExhausted(); from = {std::next(from.chunk), 0}) {
-        if (const auto inside = findInside(needle, from.chunk, from.offset)) {
-            return inside;
+    const Shelf* entered = nullptr;
+    while (from.chunk != m_chunks.end() && !isExhausted()) {
+        const Shelf* shelf = from.chunk->shelf.get();
+        const bool skipped = shelf != nullptr && shelf != entered && !needle.mayOccurIn(shelf->groups);
+        if (!skipped) {
+            entered = shelf;
+            if (const auto inside = findInside(needle, from.chunk, from.offset)) {
+                return inside;
+            }
         }
-        if (const auto across = findAcross(needle, from.chunk, from.offset)) {
+        const auto last = skipped ? shelf->last : from.chunk;
+        if (const auto across = findAcross(needle, from, last)) {
             return across;
         }
+        from = {std::next(last), 0};
     }
     return std::nullopt;
 }
@@ -235,6 +279,9 @@ std::optional<RewritableText::Position> RewritableText::findLastByte(char byte, 
 
 /// Enters what an edit has brought into the filters: the groups of [from, to) and those that reach into it from both sides.
 void RewritableText::noteEdit(Position from, Position to) {
+    if (m_groups.isEmpty()) {
+        return;  // no filter is made before this one
+    }
     constexpr std::size_t kReach = kGroupSize - 1;
     for (std::size_t back = 0; back < kReach; ++back) {
         if (from.offset == 0) {
@@ -246,27 +293,58 @@ void RewritableText::noteEdit(Position from, Position to) {
         }
         --from.offset;
     }
-    std::string edited;
     for (auto chunk = from.chunk; chunk != m_chunks.end(); ++chunk) {
         const std::size_t first = chunk == from.chunk ? from.offset : 0;
         const bool last = chunk == to.chunk;
         const std::size_t end = last ? std::min(to.offset + kReach, chunk->text.size()) : chunk->text.size();
-        if (chunk->filter != nullptr) {
-            const char* text = chunk->text.data();
-            for (std::size_t at = first; at + kGroupSize <= end; ++at) {
-                chunk->filter->groups.set(chunkBit(groupHash(text + at)));
+        const std::string begun = bytesAt({chunk, first}, end - first + kReach);
+        for (std::size_t at = 0; at + kGroupSize <= begun.size(); ++at) {
+            const std::uint32_t hash = groupHash(begun.data() + at);
+            m_groups.add(hash);
+            if (chunk->shelf != nullptr) {
+                chunk->shelf->groups.add(hash);
             }
-            for (std::size_t at = first; at < end; ++at) {
-                chunk->filter->bytes.set(static_cast<unsigned char>(text[at]));
+            if (chunk->filter != nullptr) {
+                chunk->filter->groups.add(hash);
             }
         }
-        if (!m_groups.empty()) {
-            noteGroups(bytesAt({chunk, first}, end - first + kReach));
+        if (chunk->filter != nullptr) {
+            for (std::size_t at = first; at < end; ++at) {
+                chunk->filter->bytes.set(static_cast<unsigned char>(chunk->text[at]));
+            }
         }
         if (last) {
             break;
         }
     }
+}
+
+/// A new chunk behind another one and on its shelf.
+RewritableText::Chunks::iterator RewritableText::insertBehind(Chunks::iterator chunk) {
+    const auto inserted = m_chunks.emplace(std::next(chunk));
+    inserted->shelf = chunk->shelf;
+    if (Shelf* shelf = inserted->shelf.get(); shelf != nullptr) {
+        shelf->last = shelf->last == chunk ? inserted : shelf->last;
+        ++shelf->count;
+    }
+    return inserted;
+}
+
+/// Divides the shelf of a chunk once edits have filled it with too many.
+void RewritableText::keepShelfShort(Chunks::iterator chunk) {
+    const std::shared_ptr<Shelf> shelf = chunk != m_chunks.end() ? chunk->shelf : nullptr;
+    if (shelf != nullptr && shelf->count > 2 * kShelfChunks) {
+        const auto behind = std::next(shelf->last);
+        makeShelves(std::prev(behind, static_cast<std::ptrdiff_t>(shelf->count)), behind);
+    }
+}
+
+/// Takes a chunk away and gives the one behind it.
+RewritableText::Chunks::iterator RewritableText::erase(Chunks::iterator chunk) {
+    if (Shelf* shelf = chunk->shelf.get(); shelf != nullptr && --shelf->count != 0 && shelf->last == chunk) {
+        shelf->last = std::prev(chunk);
+    }
+    return m_chunks.erase(chunk);
 }
 
 /// Appends a text to a chunk, or to new ones behind it once it is full, and gives the place behind it.
@@ -276,7 +354,7 @@ RewritableText::Position RewritableText::appendTo(Chunks::iterator chunk, std::s
         return {chunk, chunk->text.size()};
     }
     for (; !text.empty(); text.remove_prefix(std::min(m_chunkSize, text.size()))) {
-        chunk = m_chunks.emplace(std::next(chunk));
+        chunk = insertBehind(chunk);
         chunk->text = text.substr(0, m_chunkSize);
     }
     return {chunk, chunk->text.size()};
@@ -296,14 +374,14 @@ RewritableText::Position RewritableText::replace(Position from, Position to, std
         if (text.empty()) {
             return end();
         }
-        from.chunk = m_chunks.emplace(textEnd);
+        from = {m_chunks.empty() ? m_chunks.emplace(textEnd) : insertBehind(std::prev(textEnd)), 0};
     }
     const auto first = from.chunk;
     m_size -= first->text.size() - from.offset;
     first->text.resize(from.offset);
     for (auto chunk = std::next(first); chunk != to.chunk && to.chunk != first && chunk != textEnd;) {
         m_size -= chunk->text.size();
-        chunk = m_chunks.erase(chunk);
+        chunk = erase(chunk);
     }
     Position behind = appendTo(first, text);
     if (!tail.empty()) {
@@ -312,12 +390,18 @@ RewritableText::Position RewritableText::replace(Position from, Position to, std
     m_size += text.size() + tail.size();
     Position start = from;
     if (first->text.empty()) {
-        const auto next = m_chunks.erase(first);
-        start = {next, 0};
-        behind = behind.chunk == first ? start : behind;
+        const bool endedThere = behind.chunk == first;
+        start = {erase(first), 0};
+        behind = endedThere ? start : behind;
     }
     behind = normalized(behind);
-    noteEdit(normalized(start), behind);
+    start = normalized(start);
+    noteEdit(start, behind);
+    if (!m_groups.isEmpty() && m_size > kGrowthOfFilters * m_filteredSize) {
+        makeFilters();  // those for a small text tell little of a large one
+    } else {
+        keepShelfShort(start.chunk);
+    }
     return behind;
 }
 

@@ -2,8 +2,8 @@
 //
 // A flat text would be searched from its start for each attachment, and its tail moved for each reference: quadratic in a message
 // that is made of pictures. So the text lies in chunks, an edit moves no more than a chunk or two, and once the text has been
-// searched a few times, sets of the four-byte groups that occur in it tell for most chunks, and mostly for the text as a whole,
-// that a search need not look.
+// searched a few times, sets of the four-byte groups that occur in it tell for most chunks, for most shelves of some dozens of
+// chunks, and mostly for the text as a whole, that a search need not look.
 #pragma once
 
 #include <bitset>
@@ -17,20 +17,46 @@
 #include <vector>
 
 class RewritableText {
-    static constexpr std::size_t kGroupBits = 32768;
+    /// Four-byte groups by their hashes: those of a text, some that are gone from it, and some that share their place.
+    class GroupSet {
+    public:
+        GroupSet() = default;
+        explicit GroupSet(std::size_t places);  // a power of two
+        bool isEmpty() const { return m_words.empty(); }
+        void add(std::uint32_t hash) { m_words[(hash & m_mask) / kBits] |= std::uint64_t{1} << (hash % kBits); }
+        bool has(std::uint32_t hash) const { return (m_words[(hash & m_mask) / kBits] >> (hash % kBits) & 1U) != 0; }
+        /// Enters the groups inside a text.
+        void addAll(std::string_view text);
+
+    private:
+        static constexpr std::size_t kBits = 64;
+
+        std::vector<std::uint64_t> m_words;
+        std::size_t m_mask = 0;
+    };
 
     struct Filter {
-        std::bitset<kGroupBits> groups;  // four-byte groups inside the chunk, and perhaps some that are gone
-        std::bitset<256> bytes;          // likewise single bytes
+        GroupSet groups;         // that begin in the chunk
+        std::bitset<256> bytes;  // in the chunk, and perhaps some that are gone
     };
+
+    struct Shelf;
 
     struct Chunk {
         std::string text;  // not empty
         unsigned searches = 0;
         std::unique_ptr<Filter> filter;
+        std::shared_ptr<Shelf> shelf;  // nothing until it pays
     };
 
     using Chunks = std::list<Chunk>;
+
+    /// Chunks that follow each other.
+    struct Shelf {
+        Chunks::iterator last;
+        std::size_t count = 0;  // of chunks
+        GroupSet groups;        // that begin in them
+    };
 
 public:
     /// A place in the text, in front of a byte or at the end. An edit keeps the places in front of it.
@@ -70,21 +96,26 @@ public:
 private:
     struct Needle;
 
-    bool mayOccur(const Needle& needle) const;
     std::optional<Position> findLong(std::string_view needle, Position from);
     std::optional<Position> findInside(const Needle& needle, Chunks::iterator chunk, std::size_t from);
-    std::optional<Position> findAcross(const Needle& needle, Chunks::iterator chunk, std::size_t from);
+    std::optional<Position> findAcross(const Needle& needle, Position from, Chunks::iterator last);
     const char* scan(std::string_view text, const Needle& needle);
-    void noteSearch(Chunk& chunk);
-    void noteGroups(std::string_view text);
+    void makeFilters();
+    void makeShelves(Chunks::iterator from, Chunks::iterator to);
+    void addGroups(GroupSet& groups, Chunks::iterator chunk);
+    void noteSearch(Chunks::iterator chunk);
     void noteEdit(Position from, Position to);
     Position normalized(Position position);
+    Chunks::iterator insertBehind(Chunks::iterator chunk);
+    Chunks::iterator erase(Chunks::iterator chunk);
+    void keepShelfShort(Chunks::iterator chunk);
     Position appendTo(Chunks::iterator chunk, std::string_view text);
 
     std::size_t m_chunkSize;
     Chunks m_chunks;
     std::uint64_t m_size = 0;
     unsigned m_searches = 0;
-    std::uint64_t m_scanBudget;  // bytes that searches may still look at, far beyond what those of honest mail do
-    std::vector<bool> m_groups;  // four-byte groups of the whole text, and perhaps some that are gone; empty until it pays
+    std::uint64_t m_scanBudget;        // bytes that searches may still look at, far beyond what those of honest mail do
+    std::uint64_t m_filteredSize = 0;  // of the text when its filters were made
+    GroupSet m_groups;                 // of the whole text; empty until it pays
 };

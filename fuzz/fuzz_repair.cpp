@@ -54,11 +54,12 @@ void correct(std::string_view message) {
 /// An item that is written anew is one.
 void copyItem(const std::string& path) {
     const ternkit::FileHandle handle = TbFileOpen(std::u16string(path.begin(), path.end()).c_str(), 0, kOpenForReading);
-    const std::optional<std::string> copy = ternview::itemCopy(handle);
-    TbFileClose(handle);
-    if (copy) {
-        fuzz::readThroughExports(reinterpret_cast<const std::uint8_t*>(copy->data()), copy->size(), {});
+    for (const ternview::RichText richText : {ternview::RichText::kCopied, ternview::RichText::kLeftOut}) {
+        if (const auto copy = ternview::itemCopy(handle, ternview::Attachments::kCopied, richText)) {
+            fuzz::readThroughExports(reinterpret_cast<const std::uint8_t*>(copy->bytes.data()), copy->bytes.size(), {});
+        }
     }
+    TbFileClose(handle);
 }
 
 }  // namespace

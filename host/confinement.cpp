@@ -29,10 +29,11 @@ constexpr rlim_t kFileLimit = rlim_t{1} << 30;
 constexpr std::chrono::seconds kUsualTimeLimit{60};
 constexpr double kSecondsOfMegabyte = 10;
 constexpr std::uint64_t kMegabyte = 1'000'000;
-constexpr rlim_t kMemoryOfSmallMail = rlim_t{560} << 20;
-constexpr rlim_t kMemoryOfByte = 12;  // a mail is held in several forms
+constexpr rlim_t kMemoryOfSmallMail = rlim_t{500} << 20;  // libraries and shared memory come on top
+constexpr rlim_t kMemoryOfByte = 12;                      // a mail is held in several forms
 
 std::chrono::seconds allowedTime{0};  // of this process; 0: as much as it likes
+rlim_t lastSecond = RLIM_INFINITY;    // of its processor time, for the mail at hand
 
 void setLimit(__rlimit_resource resource, rlim_t soft, rlim_t hard) {
     struct rlimit current {};
@@ -40,6 +41,12 @@ void setLimit(__rlimit_resource resource, rlim_t soft, rlim_t hard) {
         const struct rlimit lowered { std::min(soft, current.rlim_max), std::min(hard, current.rlim_max) };
         ::setrlimit(resource, &lowered);
     }
+}
+
+rlim_t usedSeconds() {
+    timespec used{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return static_cast<rlim_t>(used.tv_sec);
 }
 
 void setLimits() {
@@ -139,21 +146,18 @@ void confine(const Confinement& confinement) {
 
 void limitProcessorTime(std::chrono::seconds timeLimit) {
     allowedTime = timeLimit;
-    timespec used{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
     // The hard limit stays, so that the soft one can be moved on; nobody handles SIGXCPU, which ends the process.
-    setLimit(RLIMIT_CPU, static_cast<rlim_t>(used.tv_sec + timeLimit.count() + 1), RLIM_INFINITY);
+    setLimit(RLIMIT_CPU, std::min(usedSeconds() + static_cast<rlim_t>(timeLimit.count() + 1), lastSecond), RLIM_INFINITY);
 }
 
 void limitProcessorTimeBySize(std::uint64_t bytes, double pageArea) {
+    lastSecond = RLIM_INFINITY;
     if (allowedTime == std::chrono::seconds(0) || allowedTime > kUsualTimeLimit) {
         return;
     }
     const double needed = kSecondsOfMegabyte * static_cast<double>(1 + bytes / kMegabyte) * std::max(pageArea, 1.0);
-    timespec used{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-    const double seconds = std::min(needed, static_cast<double>(allowedTime.count()));
-    setLimit(RLIMIT_CPU, static_cast<rlim_t>(used.tv_sec) + static_cast<rlim_t>(seconds), RLIM_INFINITY);
+    lastSecond = usedSeconds() + static_cast<rlim_t>(needed);
+    setLimit(RLIMIT_CPU, std::min(lastSecond, usedSeconds() + static_cast<rlim_t>(allowedTime.count() + 1)), RLIM_INFINITY);
 }
 
 void limitMemoryBySize([[maybe_unused]] std::uint64_t bytes) {

@@ -29,8 +29,9 @@ void confine(const Confinement& confinement);
 /// first; this one is for a process whose program is held up.
 void limitProcessorTime(std::chrono::seconds timeLimit);
 
-/// Lowers that limit to what a mail of this size may need: a small one that takes longer was made to. Where the program allows
-/// more than it does by itself, and where there is no limit, nothing changes.
+/// Lowers that limit to what a mail of this size may need: a small one that takes longer was made to. Limits that begin anew end
+/// no later, until this one does. Where the program allows more than it does by itself, and where there is no limit, nothing
+/// changes.
 /// @param bytes of the mail or its document
 /// @param pageArea of the pages that are drawn, in units of what they have at the usual resolution
 void limitProcessorTimeBySize(std::uint64_t bytes, double pageArea = 1);

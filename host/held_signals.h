@@ -12,8 +12,8 @@ struct Interrupted {
     int signal;
 };
 
-/// Holds SIGINT, SIGTERM and SIGHUP back for as long as it lives; so do processes that are forked meanwhile. One that is ignored,
-/// as nohup and shells do it for programs in the background, stays so: held back it would come all the same.
+/// Holds SIGINT, SIGTERM, SIGHUP and SIGQUIT back for as long as it lives; so do processes that are forked meanwhile. One that is
+/// ignored, as nohup and shells do it for programs in the background, stays so: held back it would come all the same.
 class HeldSignals {
 public:
     HeldSignals();

@@ -113,8 +113,13 @@ std::string packResult(const JobResult& result) {
 }
 
 std::optional<JobResult> unpackResult(std::string_view text) {
+    // Each level of what is nested costs many times the byte that opens it.
+    const auto refuseDepth = [](int depth, nlohmann::json::parse_event_t, const nlohmann::json&) {
+        constexpr int kDepthOfFiles = 3;
+        return depth <= kDepthOfFiles ? true : throw std::out_of_range("a report is nested too deeply");
+    };
     try {
-        const auto report = nlohmann::json::parse(text);
+        const auto report = nlohmann::json::parse(text, refuseDepth);
         JobResult result;
         take(report.at("status"), result.status);
         take(report.at("loaderStatus"), result.loaderStatus);

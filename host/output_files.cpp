@@ -1,16 +1,21 @@
 #include "output_files.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <utility>
+
+#include "held_signals.h"
 
 namespace ternview {
 namespace {
@@ -19,12 +24,31 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kPageMark = "%d";
 constexpr std::size_t kLongestName = 255;
+constexpr int kMillisecondsBetweenLooks = 50;
+
+/// Signals are held back, and so would not interrupt a write for which somebody else has no use.
+void waitUntilTaken(int descriptor) {
+    pollfd output{descriptor, POLLOUT, 0};
+    if (::poll(&output, 1, 0) != 0) {
+        return;
+    }
+    const HeldSignals signals;
+    std::array<pollfd, 2> watched{output, pollfd{signals.descriptor(), POLLIN, 0}};
+    while (::poll(watched.data(), watched.size(), -1) < 0 && errno == EINTR) {
+    }
+    signals.check();
+}
 
 /// @return 0, or the error number
 int writeAll(int descriptor, std::string_view bytes) {
+    struct stat status {};
+    const bool isFile = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    // A pipe that is ready takes that much without waiting.
+    const std::size_t most = isFile ? bytes.size() : PIPE_BUF;
     while (!bytes.empty()) {
-        const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
-        if (written < 0 && errno != EINTR) {
+        waitUntilTaken(descriptor);
+        const ssize_t written = ::write(descriptor, bytes.data(), std::min(bytes.size(), most));
+        if (written < 0 && errno != EINTR && errno != EAGAIN) {
             return errno;
         }
         bytes.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
@@ -39,6 +63,20 @@ int writeAll(int descriptor, std::string_view bytes) {
 bool isNumber(std::string_view text) {
     return !text.empty() && text.size() < 10 &&
            std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
+}
+
+/// A pipe is opened when somebody reads it; until then only signals are waited for.
+int openSpecialFile(const fs::path& path, bool isPipe) {
+    while (true) {
+        const int descriptor = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+        if (descriptor >= 0 || errno != ENXIO || !isPipe) {
+            return descriptor;
+        }
+        const HeldSignals signals;
+        pollfd watched{signals.descriptor(), POLLIN, 0};
+        ::poll(&watched, 1, kMillisecondsBetweenLooks);
+        signals.check();
+    }
 }
 
 mode_t creationMask() {
@@ -56,7 +94,7 @@ PendingFile::PendingFile(const fs::path& target) : target_(target) {
         failOn(target_, "this is a directory");
     }
     if (fs::exists(status) && !fs::is_regular_file(status)) {
-        descriptor_ = ::open(target_.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+        descriptor_ = openSpecialFile(target_, fs::is_fifo(status));
     } else {
         if (fs::exists(status)) {
             target_ = fs::canonical(target, error);  // a link stays, and what it points to is replaced
@@ -181,7 +219,7 @@ fs::path OutputFiles::tempFilePath(std::string_view name) const {
 }
 
 void OutputFiles::open(const fs::path& path) {
-    if (std::find(written_.begin(), written_.end(), path) != written_.end()) {
+    if (!taken_.insert(path).second) {
         throw JobError(Failure::kWorkerProtocol);
     }
     files_.push_back(std::make_unique<PendingFile>(path));

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,7 +16,8 @@
 namespace ternview {
 
 /// A file in the making beside its target. It takes the target's name with `commit` and vanishes without. A target that exists
-/// and is no regular file, such as /dev/null, is written to directly.
+/// and is no regular file, such as /dev/null or a pipe, is written to directly. A pipe may have nobody yet who reads it, and
+/// takes what it likes when it likes: a signal that is held back is answered meanwhile.
 class PendingFile {
 public:
     /// A directory in which a file is made whose name is given in the end.
@@ -24,13 +26,14 @@ public:
     };
     enum class Existing { kKeep, kReplace };
 
-    /// @throws JobError with the reason
+    /// @throws JobError with the reason, and Interrupted
     explicit PendingFile(const std::filesystem::path& target);
     explicit PendingFile(const Nameless& place);
     ~PendingFile();
     PendingFile(const PendingFile&) = delete;
     PendingFile& operator=(const PendingFile&) = delete;
 
+    /// @throws JobError, and Interrupted
     void write(std::string_view bytes);
     void close();
     void commit();
@@ -77,6 +80,7 @@ private:
     OutputPlan plan_;
     std::vector<std::unique_ptr<PendingFile>> files_;
     std::vector<std::filesystem::path> written_;
+    std::set<std::filesystem::path> taken_;  // the same
     bool toStandardOutput_ = false;
 };
 
@@ -84,7 +88,7 @@ private:
 bool isPlainName(std::string_view name);
 
 /// Writes everything, as standard output is unbuffered here.
-/// @throws JobError, and Interrupted when nobody reads it any more
+/// @throws JobError, and Interrupted when nobody reads it any more, or a signal comes while nobody does
 void writeStandardOutput(std::string_view bytes);
 
 }  // namespace ternview

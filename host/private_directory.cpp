@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <mutex>
 #include <vector>
 
@@ -56,8 +55,8 @@ PrivateDirectory::PrivateDirectory(const std::string& parent) {
 }
 
 PrivateDirectory::~PrivateDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    removeContent(lock_);
+    ::rmdir(path_.c_str());
 }
 
 void PrivateDirectory::fail(const std::string& parent) {
@@ -74,7 +73,7 @@ bool PrivateDirectory::make(const std::string& parent) {
         lock_ = lockPrivateDirectory(path_);
     }
     // Where a disk has no room for the filter's own directory, the filter would look for another place by itself.
-    const std::string forFilter = path_ + "/ternkit-" + std::to_string(::geteuid());
+    const std::string forFilter = path_ + "/" + filterDirectoryName();
     if (lock_.get() >= 0 && ::mkdir(forFilter.c_str(), S_IRWXU) != 0) {
         const int reason = errno;
         ::rmdir(path_.c_str());

@@ -3,6 +3,7 @@
 
 #include <poll.h>
 
+#include <chrono>
 #include <vector>
 
 #include "browser/browser.h"
@@ -23,6 +24,11 @@ struct Services {
     void attend() {
         office.attend();
         browser.attend();
+    }
+    /// To be called before a worker is forked.
+    void prepareFor(std::chrono::seconds timeLimit) {
+        office.prepareFor(timeLimit);
+        browser.prepareFor(timeLimit);
     }
     void stop() {
         office.stop();

@@ -1,5 +1,6 @@
 #include "stale_files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -8,6 +9,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <map>
 #include <mutex>
 #include <set>
@@ -19,6 +22,9 @@ namespace ternview {
 namespace {
 
 namespace fs = std::filesystem;
+
+// The group that the directory of a browser without a sandbox of its own gets when root starts it.
+constexpr gid_t kNobody = 65534;
 
 /// Whether mkstemp could have made the name of the template.
 bool isMadeOf(std::string_view name, std::string_view pattern) {
@@ -49,17 +55,73 @@ bool isMine(const struct stat& status) {
     return status.st_uid == ::geteuid();
 }
 
-/// By way of the descriptor: what now has the directory's name may be something else.
-void removeContent(const Descriptor& directory) {
-    std::error_code error;
-    const fs::path path = "/proc/self/fd/" + std::to_string(directory.get());
-    std::vector<fs::path> entries;
-    for (auto entry = fs::directory_iterator(path, error); !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        entries.push_back(entry->path());
+bool hasOurPermissions(const struct stat& status) {
+    const mode_t permissions = status.st_mode & ACCESSPERMS;
+    const bool isBrowsers = ::geteuid() == 0 && status.st_gid == kNobody && permissions == (S_IRWXU | S_IRWXG);
+    return isMine(status) && (permissions == S_IRWXU || isBrowsers);
+}
+
+bool hasFilterDirectory(const Descriptor& directory) {
+    struct stat status {};
+    return ::fstatat(directory.get(), filterDirectoryName().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISDIR(status.st_mode) && isMine(status);
+}
+
+struct StreamClose {
+    void operator()(DIR* stream) const { ::closedir(stream); }
+};
+
+/// Without keeping them: there may be very many. What is removed or added meanwhile may be told or not.
+template <typename Take>
+void forEachName(const Descriptor& directory, const Take& take) {
+    const int own = ::openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, StreamClose> stream(own >= 0 ? ::fdopendir(own) : nullptr);
+    while (const dirent* entry = stream ? ::readdir(stream.get()) : nullptr) {
+        if (const std::string name = entry->d_name; name != "." && name != "..") {
+            take(name);
+        }
     }
-    for (const fs::path& entry : entries) {
-        fs::remove_all(entry, error);
+}
+
+/// Gives it the permissions that its removal needs. No link is followed.
+Descriptor openForRemoval(const Descriptor& parent, const std::string& name) {
+    const Descriptor place(::openat(parent.get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (place.get() >= 0) {
+        // fchmod wants a descriptor that can be read, and there is none as long as the permissions are missing.
+        ::chmod(("/proc/self/fd/" + std::to_string(place.get())).c_str(), S_IRWXU);
     }
+    return Descriptor(::openat(place.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+/// @param number from which a free name is looked for
+bool moveTo(const Descriptor& top, const Descriptor& parent, const std::string& name, std::uint64_t& number) {
+    openForRemoval(parent, name);  // one that may not be written to cannot be moved
+    do {
+        if (::renameat(parent.get(), name.c_str(), top.get(), std::to_string(number++).c_str()) == 0) {
+            return true;
+        }
+    } while (errno == ENOTEMPTY || errno == EEXIST || errno == ENOTDIR);
+    return false;
+}
+
+/// Directories within one are moved to the top, and removed later: they may be nested deeper than a process may have files open.
+/// @return whether anything has changed
+bool removeEntry(const Descriptor& top, const std::string& name, std::uint64_t& number) {
+    if (::unlinkat(top.get(), name.c_str(), 0) == 0) {
+        return true;
+    }
+    bool isChanged = false;
+    bool isLeft = false;
+    if (const Descriptor directory = openForRemoval(top, name); directory.get() >= 0) {
+        forEachName(directory, [&](const std::string& child) {
+            if (::unlinkat(directory.get(), child.c_str(), 0) == 0) {
+                isChanged = true;
+            } else if (moveTo(top, directory, child, number)) {
+                isLeft = true;
+            }
+        });
+    }
+    return isLeft || ::unlinkat(top.get(), name.c_str(), AT_REMOVEDIR) == 0 || isChanged;
 }
 
 /// Who looks for stale files has it locked for a moment. Nobody waits long for whoever locks it for other reasons: that lock
@@ -84,15 +146,37 @@ Descriptor lockPrivateDirectory(const std::string& path) {
                                                                                                  : Descriptor();
 }
 
+std::string filterDirectoryName() {
+    return "ternkit-" + std::to_string(::geteuid());
+}
+
+void removeContent(const Descriptor& directory) {
+    ::fchmod(directory.get(), S_IRWXU);
+    std::uint64_t number = 0;
+    for (bool isChanged = true; isChanged;) {
+        isChanged = false;
+        bool isLast = true;
+        forEachName(directory, [&](const std::string& name) {
+            if (name != filterDirectoryName()) {
+                isLast = false;
+                isChanged = removeEntry(directory, name, number) || isChanged;
+            }
+        });
+        isChanged = isChanged || (isLast && removeEntry(directory, filterDirectoryName(), number));
+    }
+}
+
 void removeStaleDirectories(const std::string& parent) {
     for (const std::string& name : namesOf(parent, kPrivateDirectoryName)) {
         const fs::path path = fs::path(parent) / name;
         const Descriptor directory = openDirectory(path);
         struct stat status {};
-        if (directory.get() >= 0 && ::fstat(directory.get(), &status) == 0 && isMine(status) &&
+        if (directory.get() >= 0 && ::fstat(directory.get(), &status) == 0 && hasOurPermissions(status) &&
             ::flock(directory.get(), LOCK_EX | LOCK_NB) == 0) {
-            removeContent(directory);
-            ::rmdir(path.c_str());
+            if (hasFilterDirectory(directory)) {
+                removeContent(directory);
+            }
+            ::rmdir(path.c_str());  // an empty one, whatever now has the name
         }
     }
 }

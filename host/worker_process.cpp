@@ -23,6 +23,7 @@ using Clock = WorkerProcess::Clock;
 // No more than this comes from one worker, whatever it says.
 constexpr std::uint64_t kMostOutputs = 100'000;
 constexpr std::uint64_t kMostOutputBytes = std::uint64_t{16} << 30;
+constexpr std::uint64_t kMostFrames = 4'000'000;  // the time that the program spends on them does not count
 
 /// Checks the order of frames and hands outputs on.
 class FrameDispatcher {
@@ -31,6 +32,7 @@ public:
 
     /// @return the result, when it was the last frame
     std::optional<JobResult> dispatch(const Frame& frame) {
+        require(++frames_ <= kMostFrames);
         switch (frame.kind) {
             case FrameKind::kResult: {
                 std::optional<JobResult> result = unpackResult(frame.payload);
@@ -64,6 +66,7 @@ private:
 
     OutputReceiver& receiver_;
     bool isOpen_ = false;
+    std::uint64_t frames_ = 0;
     std::uint64_t outputs_ = 0;
     std::uint64_t bytes_ = 0;
 };
@@ -93,6 +96,7 @@ public:
 WorkerProcess::WorkerProcess(WorkerTask task, Services& services, OutputReceiver& receiver,
                              const WorkerSurroundings& surroundings)
     : task_(std::move(task)), services_(services), receiver_(receiver), surroundings_(surroundings) {
+    services_.prepareFor(surroundings.timeLimit);
     start();
     deadline_ = Clock::now() + surroundings.timeLimit;
 }

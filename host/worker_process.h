@@ -98,7 +98,7 @@ WorkerProcess::Clock::duration waitForAny(std::vector<pollfd>& watched, std::opt
  * @param services lay documents out; they outlive the job, for the next one
  * @param timeLimit how long the worker may take; time in which the program itself is stopped, or held up writing, does not count
  * @return the worker's result; a worker that crashed or hung gives a result with that failure
- * @throws JobError, whatever the receiver throws, and Interrupted on SIGINT, SIGTERM or SIGHUP
+ * @throws JobError, whatever the receiver throws, and Interrupted when a signal asks the program to end
  */
 JobResult runInWorker(const Job& job, Services& services, OutputReceiver& receiver, std::chrono::seconds timeLimit);
 

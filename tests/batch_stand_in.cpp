@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <ternkit/batch.h>
@@ -90,18 +91,42 @@ Status fillMemory(const BatchRequest& request) {
     }
 }
 
-/// Sends what is no frame to whoever listens.
-Status garbage(const BatchRequest& request) {
-    visitSome(request, 1, 5);
-    const std::string nonsense(100, '\x7F');
+/// To whoever listens.
+void sendBytes(std::string_view bytes) {
     for (int descriptor = 3; descriptor < 64; ++descriptor) {
         struct stat status {};
         if (::fstat(descriptor, &status) == 0 && S_ISSOCK(status.st_mode)) {
-            ::send(descriptor, nonsense.data(), nonsense.size(), MSG_NOSIGNAL);
+            ::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
         }
     }
+}
+
+Status garbage(const BatchRequest& request) {
+    visitSome(request, 1, 5);
+    sendBytes(std::string(100, '\x7F'));
     ::pause();
     return ternkit::kOk;
+}
+
+/// Is always busy with a message that never comes.
+Status drip(const BatchRequest& request) {
+    using namespace std::literals;
+    visitSome(request, 1, 5);
+    sendBytes("\x40\0\0\0\0\0\x10\0"sv);
+    while (true) {
+        sendBytes("x");
+        ::usleep(50'000);
+    }
+}
+
+/// Passes over one message after the other.
+Status pass(const BatchRequest& request) {
+    using namespace std::literals;
+    visitSome(request, 1, 5);
+    while (true) {
+        sendBytes("\x41\0\0\0\0\0\0\0"sv);
+        ::usleep(1000);
+    }
 }
 
 /// Tells what it could get at.
@@ -170,8 +195,8 @@ std::string behaviourOf(const BatchRequest& request) {
 
 extern "C" Status TernVisitMessages(const BatchRequest* request) {
     static const std::map<std::string, std::function<Status(const BatchRequest&)>> kBehaviours{
-        {"sound", sound},     {"endless", endless},   {"abort", abortLate},   {"leave", leave},
-        {"hang", hang},       {"memory", fillMemory}, {"garbage", garbage},   {"backwards", backwards},
-        {"hostile", hostile}, {"run", run},           {"unusable", unusable}, {"look", lookAround}};
+        {"sound", sound},       {"endless", endless}, {"abort", abortLate},     {"leave", leave},     {"hang", hang},
+        {"memory", fillMemory}, {"garbage", garbage}, {"backwards", backwards}, {"hostile", hostile}, {"run", run},
+        {"unusable", unusable}, {"look", lookAround}, {"drip", drip},           {"pass", pass}};
     return kBehaviours.at(behaviourOf(*request))(*request);
 }

@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <string>
 #include <thread>
@@ -21,8 +22,12 @@ namespace ternview {
 template <typename Service>
 class AttendedService {
 public:
-    AttendedService() : thread_([this] { attend(); }) {
+    /// @param timeLimit of a document
+    explicit AttendedService(std::chrono::seconds timeLimit = std::chrono::seconds(60)) {
         std::signal(SIGPIPE, SIG_IGN);  // as in the program: a service that has ended is a failed write
+        service_.prepareFor(timeLimit);
+        gate_ = service_.gate();
+        thread_ = std::thread([this] { attend(); });
     }
     ~AttendedService() {
         done_ = true;
@@ -31,7 +36,7 @@ public:
     AttendedService(const AttendedService&) = delete;
     AttendedService& operator=(const AttendedService&) = delete;
 
-    int gate() const { return service_.gate(); }
+    int gate() const { return gate_; }
     pid_t processId() const { return processId_; }
 
 private:
@@ -42,6 +47,7 @@ private:
                 service_.attend();
             }
             processId_ = service_.processId();
+            gate_ = service_.gate();
         }
         service_.stop();
     }
@@ -49,6 +55,7 @@ private:
     Service service_;
     std::atomic<bool> done_ = false;
     std::atomic<pid_t> processId_ = 0;
+    std::atomic<int> gate_ = -1;
     std::thread thread_;
 };
 

@@ -35,8 +35,10 @@
 #include "private_directory.h"
 #include "rtf_compressor.h"
 #include "service_test.h"
+#include "stale_files.h"
 #include "store_builder.h"
 #include "ternview_program.h"
+#include "test_host_html.h"
 #include "walled_off.h"
 #include "worker_process.h"
 
@@ -154,7 +156,7 @@ TEST_F(Contained, WorkersHaveLimits) {
             return std::to_string(limit.rlim_cur >> 20);
         });
     };
-    EXPECT_EQ(memoryFor(1'000'000), "571");
+    EXPECT_EQ(memoryFor(1'000'000), "511");
     EXPECT_EQ(memoryFor(~std::uint64_t{0}), "2048");
     EXPECT_EQ(saidBy([] {
                   try {
@@ -171,6 +173,29 @@ TEST_F(Contained, WorkersHaveLimits) {
                   return ::pwrite(large.get(), "x", 1, off_t{1} << 30) < 0 && errno == EFBIG ? "refused"s : "written"s;
               }),
               "refused");
+    EXPECT_EQ(saidBy([] {
+                  const auto limit = [] {
+                      struct rlimit processorTime {};
+                      ::getrlimit(RLIMIT_CPU, &processorTime);
+                      return std::to_string(processorTime.rlim_cur) + " ";
+                  };
+                  std::string text;
+                  for (const std::uint64_t bytes : {999'999, 3'000'000, 90'000'000}) {
+                      ternview::limitProcessorTime(60s);
+                      ternview::limitProcessorTimeBySize(bytes);
+                      text += limit();
+                      ternview::limitProcessorTime(30s);  // for a part of it
+                      text += limit();
+                  }
+                  return text;
+              }),
+              "10 10 40 31 61 31 ");
+    const auto flood = [](ternview::FrameWriter& out) {
+        while (true) {
+            out.send(ternview::FrameKind::kBuiltInLayout, {});
+        }
+    };
+    EXPECT_THROW(resultOf(flood), ternview::JobError);
     // The program's clock comes first; a worker whose program is held up has one of its own.
     const auto endless = [](ternview::FrameWriter&) {
         for (volatile bool isEndless = true; isEndless;) {
@@ -181,6 +206,36 @@ TEST_F(Contained, WorkersHaveLimits) {
     EXPECT_EQ(late.failure, ternview::Failure::kTimeLimit);
     EXPECT_EQ(late.detail, "SIGXCPU");
 }
+
+#ifndef __SANITIZE_ADDRESS__
+/// A picture as large as pictures may be, a drawing that needs many of its own size, and elements without end.
+TEST_F(Contained, NoProcessHoldsMuchForASmallMail) {
+    constexpr std::size_t kSmall = 999'000;
+    constexpr long kMostKibibytes = 600'000'000 / 1024;
+    std::string drawing =
+        "<svg xmlns='http://www.w3.org/2000/svg' width='2000' height='2000'><filter id='f' x='0' y='0' width='1' height='1'>";
+    std::string merged;
+    for (int layer = 0; layer < 13; ++layer) {
+        const std::string name = "r" + std::to_string(layer);
+        drawing += "<feFlood flood-color='#" + std::to_string(100 + layer) + "' result='" + name + "'/>";
+        merged += "<feMergeNode in='" + name + "'/>";
+    }
+    drawing += "<feMerge>" + merged + "</feMerge></filter><rect width='2000' height='2000' filter='url(#f)'/></svg>";
+    std::string mail = "Subject: large\r\nMIME-Version: 1.0\r\nContent-Type: text/html\r\n\r\n<html><body>\r\n";
+    for (const auto& [type, bytes] : {std::pair("png", html_test::png(5200, 5200, 0x804020)), std::pair("svg+xml", drawing)}) {
+        mail += "<img src='data:image/"s + type + ";base64,\r\n" + mime::Base64(bytes) + "'>\r\n";
+    }
+    while (mail.size() < kSmall) {
+        mail += "<hr><hr><hr><hr><hr><hr><hr><hr><hr><hr>\r\n";
+    }
+    write("large.eml", mail);
+    const Outcome outcome = run("info large.eml --html-engine embedded");
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    struct rusage used {};
+    ::getrusage(RUSAGE_CHILDREN, &used);
+    EXPECT_LE(used.ru_maxrss, kMostKibibytes);
+}
+#endif
 
 TEST_F(Contained, TimeInWhichTheProgramIsStoppedDoesNotCount) {
     const auto task = [this](ternview::FrameWriter& out) {
@@ -434,6 +489,9 @@ class Running {
 public:
     Running(const std::string& command, const fs::path& directory) : pid_(::fork()) {
         if (pid_ == 0) {
+            for (const int signal : {SIGINT, SIGQUIT, SIGHUP}) {
+                std::signal(signal, SIG_DFL);  // a shell lets what it runs in the background ignore some
+            }
             ::setenv("XDG_RUNTIME_DIR", (directory / "../runtime").c_str(), 1);
             ::execl("/bin/sh", "sh", "-c", ("cd '" + directory.string() + "' && exec " + command).c_str(), nullptr);
             ::_exit(127);
@@ -571,7 +629,7 @@ protected:
 
 TEST_F(Ends, BySignals) {
     for (const Endless& what : endless()) {
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
             Running run(what.command, work());
             ASSERT_TRUE(waitUntil([&] { return isAtWork(run, what); })) << what.command;
             const std::vector<pid_t> family = run.family();
@@ -582,6 +640,45 @@ TEST_F(Ends, BySignals) {
             EXPECT_TRUE(allGone(family)) << what.command << signal;
             fs::remove_all(work("out"));
         }
+    }
+}
+
+TEST_F(Ends, BySignalsWhileNobodyTakesTheOutput) {
+    write("mail.eml", mime::Plain("Hello").addressed().bytes());
+    ASSERT_EQ(::mkfifo(work("pipe").c_str(), 0600), 0);
+    const std::string document = run("document mail.eml").out;
+    const std::string program = "'" TERNVIEW_PROGRAM "' ";
+    const std::string toPipe = program + "document mail.eml -o pipe";
+    const auto waitsForReader = [](const Running& run) {  // the worker has done its part
+        const std::vector<pid_t> family = run.family();
+        return family.size() == 2 && hasEnded(family[1]);
+    };
+    const auto endsBySignal = [this](Running& run, const std::string& command) {
+        ::kill(run.family().front(), SIGTERM);
+        waitUntil([&run] { return hasEnded(run.family().front()); });
+        const int status = run.end(SIGKILL);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << command;
+        EXPECT_EQ(entriesIn(runtime()), 0u) << command;
+    };
+    {
+        Running run(toPipe, work());
+        ASSERT_TRUE(waitUntil([&] { return waitsForReader(run); }));
+        endsBySignal(run, toPipe);
+    }
+    {
+        Running run(toPipe, work());
+        ASSERT_TRUE(waitUntil([&] { return waitsForReader(run); }));
+        EXPECT_EQ(readFile(work("pipe")), document) << "a reader may come late";
+        EXPECT_EQ(run.end(0), 0);
+    }
+    for (const std::string command : {"document text.eml -o pipe", "document text.eml > pipe"}) {
+        const ternview::Descriptor reader(::open(work("pipe").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+        Running run(program + command, work());
+        ASSERT_TRUE(waitUntil([&reader] {  // the pipe is full
+            pollfd room{reader.get(), POLLOUT, 0};
+            return ::poll(&room, 1, 0) == 0;
+        }));
+        endsBySignal(run, command);
     }
 }
 
@@ -622,7 +719,7 @@ TEST_F(Ends, OfAWorker) {
 
 TEST_F(Ends, ByDeathAndTheNextOneTidiesUp) {
     write("mail.eml", mime::Plain("Hello").addressed().bytes());
-    const fs::path foreign[] = {runtime() / "ternview-notes", runtime() / "ternview-abc", runtime() / "other-abcdef"};
+    const fs::path foreign[] = {runtime() / "ternview-export", runtime() / "ternview-private-export"};
     for (const Endless& what : endless()) {
         Running living(what.command, work());
         ASSERT_TRUE(waitUntil([&] { return isAtWork(living, what); })) << what.command;
@@ -640,17 +737,12 @@ TEST_F(Ends, ByDeathAndTheNextOneTidiesUp) {
         for (const fs::path& directory : foreign) {
             fs::create_directories(directory / "kept");
         }
-        std::ofstream(runtime() / "ternview-zzzzzz") << "a file";
-        fs::create_directory_symlink(foreign[0], runtime() / "ternview-yyyyyy");
-        const bool isRoot = ::geteuid() == 0;
-        fs::create_directories(runtime() / "ternview-xxxxxx/kept");
-        ASSERT_TRUE(!isRoot || ::chown((runtime() / "ternview-xxxxxx").c_str(), 65534, 65534) == 0);
+        std::ofstream(runtime() / "ternview-private-zzzzzz") << "a file";
+        fs::create_directory_symlink(foreign[0], runtime() / "ternview-private-yyyyyy");
 
         EXPECT_EQ(run("render mail.eml -o pages/mail.png").exitCode, 0);
-        std::set<std::string> left{"ternview-notes", "ternview-abc", "other-abcdef", "ternview-zzzzzz", "ternview-yyyyyy"};
-        if (isRoot) {
-            left.insert("ternview-xxxxxx");  // of another user
-        }
+        const std::set<std::string> left{"ternview-export", "ternview-private-export", "ternview-private-zzzzzz",
+                                         "ternview-private-yyyyyy"};
         EXPECT_EQ(files(runtime()), left) << what.command;
         EXPECT_TRUE(fs::exists(foreign[0] / "kept"));
         EXPECT_EQ(pending(work("pages")), std::vector<std::string>()) << what.command;
@@ -665,6 +757,103 @@ TEST_F(Ends, ByDeathAndTheNextOneTidiesUp) {
         fs::remove_all(work("pages"));
         fs::create_directory(work("pages"));
     }
+}
+
+TEST_F(Contained, OnlyDirectoriesOfOursAreStale) {
+    const bool isRoot = ::geteuid() == 0;
+    const uid_t user = ::geteuid();
+    const gid_t group = ::getegid();
+    constexpr uid_t kNobody = 65534;
+    struct {
+        std::string name;
+        mode_t mode;
+        std::string content;
+        bool isStale = false;
+        uid_t owner = ::geteuid();
+        gid_t group = ::getegid();
+    } const cases[] = {
+        {"ternview-export", 0700, "photos"},
+        {"ternview-private-export", 0700, "photos"},
+        {"ternview-private-public", 0755, "photos"},
+        {"ternview-private-opened", 0755, ternview::filterDirectoryName()},
+        {"ternview-private-hollow", 0755, ""},
+        {"ternview-private-others", 0700, ternview::filterDirectoryName(), !isRoot, isRoot ? kNobody : user},
+        {"ternview-private-begun0", 0700, "", true},
+        {"ternview-private-killed", 0700, ternview::filterDirectoryName(), true},
+        {"ternview-private-chrome", 0770, ternview::filterDirectoryName(), isRoot, user, isRoot ? kNobody : group},
+    };
+    std::set<std::string> left;
+    for (const auto& [name, mode, content, isStale, owner, itsGroup] : cases) {
+        const fs::path directory = runtime() / name;
+        fs::create_directories(directory / content);
+        if (!content.empty()) {
+            std::ofstream(directory / content / "file") << "text";
+        }
+        ASSERT_TRUE(::chown(directory.c_str(), owner, itsGroup) == 0 && ::chmod(directory.c_str(), mode) == 0);
+        if (!isStale) {
+            left.insert(name);
+        }
+    }
+    ternview::removeStaleDirectories(runtime());
+    EXPECT_EQ(files(runtime()), left);
+    for (const auto& [name, mode, content, isStale, owner, itsGroup] : cases) {
+        EXPECT_TRUE(isStale || content.empty() || fs::exists(runtime() / name / content / "file")) << name;
+        fs::remove_all(runtime() / name);
+    }
+}
+
+/// As a process can leave a directory that a mail has taken over.
+void fillBadly(const fs::path& directory) {
+    fs::create_directories(directory / "locked/inner");
+    std::ofstream(directory / "locked/inner/file") << "text";
+    fs::create_directory_symlink("../../kept", directory / "locked/link");
+    fs::create_directory_symlink("../kept", directory / "link");
+    for (const char* locked : {"locked/inner", "locked"}) {
+        ::chmod((directory / locked).c_str(), 0);
+    }
+    std::ofstream(directory / "1") << "a name that is taken";
+    ternview::Descriptor deep(::open(directory.c_str(), O_RDONLY | O_DIRECTORY));
+    for (int level = 0; level < 100; ++level) {
+        ::mkdirat(deep.get(), "deeper", 0500);
+        deep = ternview::Descriptor(::openat(deep.get(), "deeper", O_RDONLY | O_DIRECTORY));
+        ::fchmod(deep.get(), 0700);
+    }
+}
+
+TEST_F(Contained, NoPermissionsOrDepthsKeepPrivateDirectories) {
+    constexpr uid_t kNobody = 65534;
+    const pid_t child = ::fork();
+    if (child == 0) {  // an ordinary user, whom permissions keep out
+        const rlimit fewFiles{50, 50};
+        const bool isOrdinary =
+            ::chdir(runtime().c_str()) == 0 && ::setrlimit(RLIMIT_NOFILE, &fewFiles) == 0 &&
+            (::geteuid() != 0 || (::chown(".", kNobody, kNobody) == 0 && ::setresgid(kNobody, kNobody, kNobody) == 0 &&
+                                  ::setresuid(kNobody, kNobody, kNobody) == 0));
+        fs::create_directory("kept");
+        std::ofstream("kept/file") << "text";
+        ::chmod("kept", 0500);
+        {
+            const ternview::PrivateDirectory directory(".");
+            fillBadly(directory.path());
+            ::chmod(directory.path().c_str(), 0);
+        }
+        const bool isGone = files(".") == std::set<std::string>{"kept"};
+        fs::create_directories("ternview-private-killed/" + ternview::filterDirectoryName());
+        ::chmod("ternview-private-killed", 0700);
+        fillBadly("ternview-private-killed");
+        fillBadly("ternview-private-killed/" + ternview::filterDirectoryName());
+        ternview::removeStaleDirectories(".");
+        const bool isTidy = files(".") == std::set<std::string>{"kept"};
+        struct stat kept {};
+        const bool isKept = ::stat("kept", &kept) == 0 && (kept.st_mode & 0777) == 0500 && fs::exists("kept/file");
+        ::_exit((isOrdinary ? 0 : 1) + (isGone ? 0 : 2) + (isTidy ? 0 : 4) + (isKept ? 0 : 8));
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "not ordinary (1), not removed (2), not as a stale one (4), a link followed (8)";
+    ::chmod((runtime() / "kept").c_str(), 0700);
+    fs::remove_all(runtime() / "kept");
 }
 
 TEST_F(Ends, OnAFullDisk) {

@@ -138,6 +138,13 @@ TEST(ExportNames, AreSafeOnEveryFileSystem) {
     }
     EXPECT_EQ(ternview::messageStem(1'234'567, 0, "x").substr(0, 8), "1234567 ");
     EXPECT_EQ(ternview::messageStem(1, INT64_MAX, "x"), "000001 x");
+    std::vector<std::string> shorter;
+    for (std::string stem = "000007 x, 海. 辺辺"; !stem.empty(); stem = ternview::shortened(stem)) {
+        EXPECT_TRUE(ternview::isMessageStem(stem)) << stem;
+        shorter.push_back(stem);
+    }
+    EXPECT_EQ(shorter, (std::vector<std::string>{"000007 x, 海. 辺辺", "000007 x, 海", "000007 x,", "000007 x"}));
+    EXPECT_EQ(ternview::shortened("000007 海"), "000007 _") << "no half of a character";
     EXPECT_EQ(ternview::storeDirectoryName("/a/.b/Aux.pst"), "_Aux");
     EXPECT_EQ(ternview::storeDirectoryName("/a/\x01.pst"), "store");
     for (const char* bad : {"", ".", "..", "a/b", " a", "a ", "a.", "a\nb", "\u202Ea", "a  b", "\xFF"}) {
@@ -342,6 +349,42 @@ TEST_F(Export, FilesThatWereThereBeforeStay) {
     EXPECT_TRUE(fs::exists(work("out2/000001 2024-03-05 Lunch (2).txt")));
     EXPECT_TRUE(fs::exists(work("out2/000002 海辺 (2).txt")));
     EXPECT_FALSE(fs::exists(work("out2/victim")));
+}
+
+TEST_F(Export, NamesAreShorterWhereTheirPlaceLeavesNoRoom) {
+    for (const std::string& subject : {std::string(200, 'x'), std::string("Short")}) {
+        write("in/" + subject.substr(0, 5) + ".eml", "From: a@example.org\r\nSubject: " + subject + "\r\n\r\ntext\r\n");
+    }
+    std::string deep = "out";
+    while (deep.size() < 4021) {
+        deep += "/" + std::string(std::min<std::size_t>(200, 4020 - deep.size()), 'd');
+    }
+    const std::string names = "find out -name '*.txt' -printf '%f\n' | sort > ../out";
+    for (const char* said : {": 2 messages\n", ": 2 messages, 2 of them from an earlier run\n"}) {
+        const Outcome outcome = runExport("in -o " + deep + " --format txt");
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+        EXPECT_TRUE(outcome.out.ends_with(said)) << outcome.out;
+        EXPECT_EQ(runCommand(names).out, "000001 Short.txt\n000002 " + std::string(40, 'x') + ".txt\n");
+    }
+
+    // Where not even the shortest name fits, the message fails alone.
+    std::string full = work("full").string();
+    while (full.size() < 4074) {  // from there on there is no room for files in the making either
+        full += "/" + std::string(std::min<std::size_t>(200, 4073 - full.size()), 'd');
+    }
+    ternview::ExportJournal journal(full, {.format = ternview::ExportFormat::kPng}, ternview::ExportJournal::Start::kContinue);
+    const std::size_t file = journal.enter({.path = "/a.pst"}, ternview::ExportJournal::Kind::kStore, true);
+    for (const auto& [number, pages] : {std::pair(4'000'000'000U, 1000), std::pair(1U, 1)}) {
+        ternview::MessageOutputs outputs(journal, file);
+        for (int page = 1; page <= pages; ++page) {
+            outputs.begin(ternview::FrameKind::kPage, std::to_string(page) + "/" + std::to_string(pages));
+            outputs.end();
+        }
+        ternview::MessageRecord record;
+        record.number = number;
+        EXPECT_EQ(outputs.commit(journal, record), pages == 1);
+    }
+    EXPECT_EQ(files(full).size(), 2u) << "one message and the journal";
 }
 
 TEST_F(Export, HostileFieldsStayText) {

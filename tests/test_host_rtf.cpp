@@ -2,11 +2,14 @@
 
 #include <cairo-pdf.h>
 #include <cairo.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -18,7 +21,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <thread>
+#include <variant>
 #include <vector>
 
 #include "job.h"
@@ -64,6 +69,14 @@ std::string rtf(const std::string& body) {
            "Emoji;}}"
            "\\pard\\f0\\fs24 " +
            body + "\\par}";
+}
+
+std::string slowDocument() {
+    std::string body;
+    for (int i = 0; i < 100000; ++i) {
+        body += "a rather long document that takes its time \\par ";
+    }
+    return rtf(body);
 }
 
 std::string readFile(const fs::path& path) {
@@ -342,11 +355,7 @@ TEST_F(RtfLoader, OneProcessServesManyDocuments) {
 }
 
 TEST_F(RtfLoader, AnEndedProcessIsOneFailureAndIsStartedAnew) {
-    std::string body;
-    for (int i = 0; i < 100000; ++i) {
-        body += "a rather long document that takes its time \\par ";
-    }
-    const std::string slow = rtf(body);
+    const std::string slow = slowDocument();
     EXPECT_EQ(textOf(rtf("warm")), "warm");
     const pid_t process = s_office->processId();
     ASSERT_GT(process, 0);
@@ -371,6 +380,96 @@ TEST_F(RtfLoader, AnEndedProcessIsOneFailureAndIsStartedAnew) {
     }
     use(60s);
     EXPECT_EQ(textOf(rtf("after all")), "after all");
+}
+
+TEST_F(RtfLoader, TheProcessInheritsNothing) {
+    const Descriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
+    const Descriptor inherited(::dup2(socket.get(), 100));
+    const AttendedService<Office> fresh;
+    convertInOffice(rtf("x"), OfficeTarget::kText, {fresh.gate(), 60s});
+    const fs::path open = "/proc/" + std::to_string(fresh.processId()) + "/fd";
+    EXPECT_TRUE(fs::is_symlink(open / "0"));
+    EXPECT_FALSE(fs::is_symlink(open / "100"));
+}
+
+TEST_F(RtfLoader, RequestsDoNotSetTheirOwnTimeLimit) {
+    const AttendedService<Office> hasty(1s);
+    EXPECT_NE(loadErrorOf([&] {
+                  convertInOffice(slowDocument(), OfficeTarget::kHtml, {hasty.gate(), 60s});
+              }).find("ended early"),
+              std::string::npos);
+}
+
+bool sendTwoThroughGate(int gate, const std::array<int, 2>& descriptors) {
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(descriptors))> ancillary{};
+    char mark = 0;
+    iovec content{&mark, 1};
+    msghdr message{};
+    message.msg_iov = &content;
+    message.msg_iovlen = 1;
+    message.msg_control = ancillary.data();
+    message.msg_controllen = ancillary.size();
+    *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof(descriptors)), SOL_SOCKET, SCM_RIGHTS};
+    std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), descriptors.data(), sizeof(descriptors));
+    return ::sendmsg(gate, &message, 0) == 1;
+}
+
+TEST_F(RtfLoader, OneAskerCannotCloseTheGateForOthers) {
+    EXPECT_EQ(textOf(rtf("first")), "first");
+    const pid_t process = s_office->processId();
+    const int gate = s_office->gate();
+    std::array<int, 2> ends;
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    const Descriptor output(ends[0]);
+    const Descriptor input(ends[1]);
+    EXPECT_TRUE(sendThroughGate(gate, output.get()));
+    EXPECT_TRUE(sendTwoThroughGate(gate, ends));
+    EXPECT_EQ(textOf(rtf("behind a pipe that stays silent")), "behind a pipe that stays silent");
+    EXPECT_EQ(s_office->processId(), process);
+    const fs::path pipe = fs::read_symlink("/proc/self/fd/" + std::to_string(output.get()));
+    for (const auto& open : fs::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
+        std::error_code hasGone;
+        EXPECT_NE(fs::read_symlink(open.path(), hasGone), pipe) << "what came beside or instead of a socket is closed";
+    }
+
+    ::shutdown(gate, SHUT_RDWR);
+    for (int i = 0; i < 500 && s_office->gate() == gate; ++i) {
+        std::this_thread::sleep_for(20ms);
+    }
+    use(60s);
+    EXPECT_EQ(textOf(rtf("through another gate")), "through another gate");
+}
+
+/// A service whose program does not start.
+class Unable : public ServiceProcess {
+public:
+    Unable() : ServiceProcess(command) { starts = 0; }
+    static inline std::atomic<int> starts;
+
+private:
+    static ServiceCommand command(const std::string&) {
+        ++starts;
+        return {.program = "/nonexistent", .arguments = {}, .environment = {}};
+    }
+};
+
+TEST(Service, ThatDoesNotStartIsStartedOnceForADocument) {
+    const AttendedService<Unable> unable;
+    for (const int documents : {1, 2}) {
+        const auto answer = askService({unable.gate(), 2s}, "", "", 0s);
+        ASSERT_TRUE(std::holds_alternative<ServiceFailure>(answer));
+        EXPECT_EQ(std::get<ServiceFailure>(answer), ServiceFailure::kEndedEarly);
+        EXPECT_EQ(Unable::starts, documents);
+    }
+}
+
+TEST(Service, ForgetsWhatAnEarlierWorkerLeftInTheGate) {
+    Unable service;
+    const Descriptor left(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_TRUE(sendThroughGate(service.gate(), left.get()));
+    service.prepareFor(60s);
+    service.attend();
+    EXPECT_EQ(Unable::starts, 0);
 }
 
 TEST_F(RtfLoader, AMissingSuiteIsNamed) {

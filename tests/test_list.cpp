@@ -296,6 +296,8 @@ TEST_F(List, ReaderThatGoesWrongCostsTheRestOfItsFile) {
          "ended early (SIGABRT), which a damaged or very large message can cause. From message 3 of 5 on nothing is listed"},
         {"leave", 2, "ended early (exit code 0)"},
         {"hang", 1, "not done within the time limit"},
+        {"drip", 1, "not done within the time limit"},
+        {"pass", 1, "went wrong and was stopped"},
         {"garbage", 1, "went wrong and was stopped"},
         {"backwards", 2, "went wrong and was stopped"},
         {"unusable", 0, "cannot be shown: its content is damaged"},

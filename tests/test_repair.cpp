@@ -14,7 +14,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr char kPicture[] = "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAIAAACQd1PeAAAADElEQVR4nGP4z8AAAAMBAQDJ/pLvAAAAAElFTkSuQmCC";
+const std::string kPicture = "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAIAAACQd1PeAAAADElEQVR4nGP4z8AAAAMBAQDJ/pLvAAAAAElFTkSuQmCC";
 
 std::string withLineFeeds(std::string text) {
     std::erase(text, '\r');
@@ -123,6 +123,11 @@ std::vector<RefusedCase> refusedMessages() {
          {"<p>first</p>"},
          {},
          kCorrectedNote},
+        {"a subject of several encoded words",
+         "From: Anna <anna@example.org>\nSubject: =?utf-8?Q?Gr=C3=BC?=\n =?utf-8?B?w59l?= an =?utf-8?Q?alle?=\n =?a?\n\nHallo.\n",
+         {"Grüße an alle =?a?\r\n"},
+         {},
+         kCorrectedNote},
         {"no field that is shown", "Received: from a by b\n\nSee you.\n", {"See you."}, {"Received"}, kCorrectedNote},
         {"eight-bit header field",
          "From: J\xC3\xBCrgen <j@example.org>\nSubject: =?utf-8?Q?Gr=C3=BC=C3=9Fe?= an\n alle\n\nHallo.\n",
@@ -159,6 +164,10 @@ TEST_F(Repair, TextThatTheFilterWouldLeaveOutIsShown) {
     const auto attached = [](const std::string& type) {
         return "--b\r\nContent-Type: text/" + type + "\r\nContent-Disposition: attachment; filename=x\r\n\r\nattached\r\n";
     };
+    const auto html = [](const std::string& text) { return "--b\r\nContent-Type: text/html\r\n\r\n" + text + "\r\n"; };
+    const auto declared = [](const std::string& charset, const std::string& text) {
+        return header("Seven bits") + "Content-Type: text/plain; charset=" + charset + "\r\n\r\n" + text + "\r\n";
+    };
     const auto multipart = [](const std::string& kind, const std::string& parts) {
         return header("Parts") + "Content-Type: multipart/" + kind + "; boundary=\"b\"\r\n\r\n" + parts + "--b--\r\n";
     };
@@ -178,10 +187,29 @@ TEST_F(Repair, TextThatTheFilterWouldLeaveOutIsShown) {
         {"text before an attached one", multipart("mixed", plain + attached("plain")), {"first <1>"}, {"attached"}, kAllNote},
         {"text before attached HTML", multipart("mixed", plain + attached("html")), {"first <1>"}, {"attached"}, kAllNote},
         {"empty HTML",
-         multipart("alternative", plain + "--b\r\nContent-Type: text/html\r\n\r\n<head><title>x</title></head><p>&nbsp;</p>\r\n"),
+         multipart("alternative", plain + html("<head><title>x</title><style>p{}</style><!--<p>x--></head><p>&nbsp;</p>")),
          {"first <1>"},
          {"nbsp"},
          kAllNote},
+        {"HTML whose head has no end",
+         multipart("mixed", html("<html><head><title>x</title><style>p{}</style><body><p>rich</p>") + signature),
+         {"<p>rich</p>", "of the list"},
+         {},
+         kAllNote},
+        {"nothing to mend: alternatives, and a head without end",
+         multipart("alternative", plain + html("<html><head><style>p{}<body><p>rich</p>")),
+         {"<p>rich</p>"},
+         {"first"},
+         ""},
+        {"HTML with a header, which is no head",
+         multipart("mixed", html("<body><header><p>rich</p></body>") + signature),
+         {"<p>rich</p>", "of the list"},
+         {},
+         kAllNote},
+        {"UTF-7", declared("utf-7", "Hi +ZeVnLIqe-"), {"Hi 日本語"}, {}, kAllNote},
+        {"nothing to mend: not UTF-7", declared("utf-7", "1 + 1 +-"), {"1 + 1 +-"}, {}, ""},
+        {"ISO-2022-KR", declared("ISO-2022-KR", "\x1B$)C\x0E>H3gGO<<?d\x0F."), {"안녕하세요."}, {}, kAllNote},
+        {"HZ", declared("hz-gb-2312", "~{Dc:C~}, a~~b\r\n~{J@=g~}"), {"你好, a~b\n世界"}, {}, kAllNote},
         {"a charset that so few words do not tell",
          header("Short") + "Content-Type: text/plain; charset=euc-kr\r\n\r\n\xBE\xC8\xB3\xE7\xC7\xCF\xBC\xBC\xBF\xE4\r\n",
          {"안녕하세요"},
@@ -255,6 +283,69 @@ TEST_F(Repair, PicturesOfARefusedMessageTravelWithIt) {
     EXPECT_EQ(object["helps"], json({"corrected"}));
     ASSERT_EQ(object["tempFiles"].size(), 2U);
     EXPECT_EQ(readFile(work("out") / object["tempFiles"][1]["name"].get<std::string>()).substr(1, 3), "PNG");
+}
+
+TEST_F(Repair, PicturesThatTheHtmlNamesAreShown) {
+    const std::string named = "Content-Type: image/png; name=\"dot.png\"\r\nContent-ID: <dot@example.org>\r\n";
+    const std::string nameless = "Content-Type: image/png\r\nContent-ID: <dot@example.org>\r\n";
+    const struct {
+        const char* name;
+        std::string fields;
+        std::string before;
+        std::string value;
+        std::string after;
+        bool isMended;
+    } cases[] = {
+        {"no name", nameless, "<img src=", "\"cid:dot@example.org\"", " alt=\"x\">", true},
+        {"a name in front of the type", "Content-Disposition: inline; filename=\"dot.png\"\r\n" + nameless,
+         "<img src=", "\"cid:dot@example.org\"", ">", true},
+        {"an unknown type", "Content-Type: image/x-png; name=\"dot.png\"\r\nContent-ID: <dot@example.org>\r\n",
+         "<td background=", "\"cid:dot@example.org\"", ">", true},
+        {"no quotes", named, "<img src=", "cid:dot@example.org", " alt=\"x\">", true},
+        {"no quotes, as XML", named, "<br>src=cid:dot@example.org<img\r\nSRC=", "cid:dot@example.org", "/>", true},
+        {"other quotes", named, "<img src= ", "'CID:dot%40example.org'", ">", true},
+        {"a name with blanks", "Content-Type: image/png; name=\"my dot.png\"\r\n", "<img src=", "\"a/my%20dot.png\"", ">", true},
+        {"a style sheet", nameless, "<style>p{background:url(", "\"cid:dot@example.org\"", ")}</style>", true},
+        {"a name in the text", named, "<img alt=\"dot.png\" src=", "\"dot.png\"", "><p>See dot.png.</p>", true},
+        {"nothing to mend: quotes and a name", named, "<img src=", "\"cid:dot@example.org\"", " alt=\"x\">", false},
+        {"nothing to mend: another picture", nameless, "<img src=", "\"cid:dash@example.org\"", ">", false},
+        {"nothing to mend: an address", nameless, "<a href=\"http://example.org/?src=cid:dot@example.org\" title=", "\"x\"", ">",
+         false},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        const std::string html = "<p class=\"a\">first</p>" + each.before + each.value + each.after + "<p class=\"b\">last</p>";
+        write("mail.eml",
+              header("Dot") + "Content-Type: multipart/related; boundary=\"b\"\r\n\r\n--b\r\nContent-Type: text/html\r\n\r\n" +
+                  html + "\r\n--b\r\n" + each.fields + "Content-Transfer-Encoding: base64\r\n\r\n" + kPicture + "\r\n--b--\r\n");
+        const Outcome outcome = run("document mail.eml --as-shown");
+        EXPECT_EQ(run("document mail.eml --strict").out == outcome.out, !each.isMended) << outcome.out;
+        EXPECT_EQ(outcome.err.empty(), !each.isMended) << outcome.err;
+        const std::string before = "<p class=\"a\">first</p>" + each.before + "\"data:image;base64," + kPicture.substr(0, 80);
+        if (each.isMended) {
+            EXPECT_NE(outcome.out.find(before), std::string::npos) << outcome.out;
+            EXPECT_NE(outcome.out.find("\"" + each.after + "<p class=\"b\">last</p>"), std::string::npos) << outcome.out;
+        }
+    }
+}
+
+TEST_F(Repair, WithoutRoomForACopyTheFilterShowsWhatItCan) {
+    const std::string large = "From a@example.org Tue Mar  5 09:07:00 2024\r\n" + header("Large") +
+                              "Content-Type: multipart/mixed; boundary=\"b\"\r\n\r\n--b\r\nContent-Type: text/plain\r\n\r\n" +
+                              std::string(20'000, 'x') + "\r\n--b\r\nContent-Type: text/plain\r\n\r\nlast\r\n--b--\r\n\r\n";
+    const std::string limited = R"(sh -c 'ulimit -f 8; exec "$0" "$@"')";
+    write("mail.eml", large);
+    const Outcome outcome = run("document mail.eml --as-shown", limited);
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    EXPECT_NE(outcome.out.find("last"), std::string::npos) << outcome.out;
+    EXPECT_EQ(json::parse(run("list mail.eml --json", limited).out)["subject"], "Large");
+
+    write("mail.mbox", large + "From b@example.org Tue Mar  5 09:07:00 2024\r\n" + header("Small") +
+                           "Content-Type: text/plain\r\n\r\nsmall\r\n");
+    const Outcome list = run("list mail.mbox --json", limited);
+    const std::size_t second = list.out.find('\n') + 1;
+    EXPECT_TRUE(json::parse(list.out.substr(0, second)).contains("error")) << list.out;
+    EXPECT_EQ(json::parse(list.out.substr(second))["subject"], "Small");
 }
 
 TEST_F(Repair, WhatIsNoMailStaysRefused) {
@@ -335,7 +426,14 @@ TEST_F(Repair, HostileMailStaysWithinBounds) {
     for (int count = 0; count < 200'000; ++count) {
         metas += "<meta";
     }
-    for (const std::string& message : {nested, metas + "\n--b--\n"}) {
+    std::string references =
+        header("References") +
+        "Content-Type: multipart/related; boundary=\"b\"\r\n\r\n--b\r\nContent-Type: image/png\r\nContent-ID: <a%b>\r\n\r\n"
+        "\x89PNG\r\n--b\r\nContent-Type: text/html\r\n\r\n";
+    for (int count = 0; count < 50'000; ++count) {
+        references += "<style><!<title =src=\"cid:a%c src=cid:";
+    }
+    for (const std::string& message : {nested, metas + "\n--b--\n", references + "\r\n--b--\r\n"}) {
         write("mail.eml", message);
         const Outcome outcome = run("document mail.eml --timeout 30");
         EXPECT_EQ(outcome.exitCode, 0) << outcome.err;

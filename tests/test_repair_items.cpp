@@ -98,6 +98,9 @@ TEST_F(ItemRepair, ABodyInHtmlOnlyIsShown) {
         {"8-bit text that is UTF-8 whatever is declared",
          MsgBuilder(TextForm::EightBit).text(msg::kSubject, "HTML").text(kHtmlBody, html("π")).number(kMessageCodePage, 1252),
          {html("&#960;")}},
+        {"style sheets",
+         item().text(kHtmlBody, html("<style>p{content:'π •'}</style>•")),
+         {"<style>p{content:'\\3c0  \\2022 '}</style>&#8226;"}},
         {"Unicode", item().text(kHtmlBody, html("π 😀")), {html("&#960; &#128512;")}},
     };
     for (const ItemCase& one : cases) {
@@ -114,6 +117,39 @@ TEST_F(ItemRepair, ABodyInHtmlOnlyIsShown) {
     write("item.msg", pictured.bytes());
     const Outcome outcome = run("info item.msg");
     EXPECT_NE(outcome.out.find("one.png"), std::string::npos) << outcome.out << outcome.err;
+}
+
+TEST_F(ItemRepair, ADamagedRichBodyGivesWayToAnother) {
+    std::string damaged = richBody();
+    damaged.back() = static_cast<char>(~damaged.back());
+    const auto item = [&damaged] { return MsgBuilder().text(msg::kSubject, "Rich").binary(msg::kRtfCompressed, damaged); };
+    const struct {
+        const char* name;
+        MsgBuilder item;
+        const char* shown;
+        const char* note;
+        const char* help;
+    } cases[] = {
+        {"HTML", item().text(msg::kBody, "plain").binary(kHtmlBody, "<p>html</p>"), "<p>html</p>",
+         "a corrected copy of it is shown", "corrected"},
+        {"plain text", item().text(msg::kBody, "plain"), "plain", "its plain text is shown", "plainText"},
+        {"nothing", item(), "", "status -9", ""},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        write("item.msg", each.item.bytes());
+        EXPECT_EQ(run("document item.msg --strict").exitCode, 1);
+        const bool isShown = *each.shown != '\0';
+        for (const char* command : {"document item.msg --as-shown", "document item.msg --plain-text"}) {
+            const Outcome outcome = run(command);
+            EXPECT_EQ(outcome.exitCode, isShown ? 0 : 1) << outcome.err;
+        }
+        const Outcome outcome = run("document item.msg --as-shown");
+        EXPECT_NE(outcome.out.find(each.shown), std::string::npos) << outcome.out;
+        EXPECT_NE(outcome.err.find(each.note), std::string::npos) << outcome.err;
+        const std::string list = run("list item.msg --json").out;
+        EXPECT_EQ(list.find(std::string("\"helps\":[\"") + each.help) != std::string::npos, isShown) << list;
+    }
 }
 
 TEST_F(ItemRepair, ItemsThatTheFilterReadsStayAsTheyAre) {

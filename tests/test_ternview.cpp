@@ -331,6 +331,7 @@ TEST(Results, SurviveTheWayAndRefuseNonsense) {
         EXPECT_FALSE(ternview::unpackResult(report.substr(0, length)).has_value()) << length;
     }
     EXPECT_FALSE(ternview::unpackResult("[1,2]").has_value());
+    EXPECT_FALSE(ternview::unpackResult("{\"more\":[[[[]]]]," + report.substr(1)).has_value()) << "nesting is dear";
     std::string unknown = report;
     unknown.replace(unknown.find("\"failure\":") + 10, 1, "99");
     EXPECT_FALSE(ternview::unpackResult(unknown).has_value());

@@ -5,6 +5,8 @@
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/ipc.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -24,6 +26,7 @@
 /// @param other another process, which there is
 /// @return what was not refused outright; empty behind the wall
 inline std::string waysOut(pid_t other = ::getppid()) {
+    constexpr key_t kNoQueue = 1;
     const auto connects = [] {
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -51,6 +54,20 @@ inline std::string waysOut(pid_t other = ::getppid()) {
         {"signals to threads", [other] { return ::syscall(SYS_tgkill, other, other, 0); }},
         {"signals from descriptors", [other] { return ::fcntl(STDIN_FILENO, F_SETOWN, other); }},
         {"limits of others", [other] { return ::syscall(SYS_prlimit64, other, RLIMIT_CORE, nullptr, nullptr); }},
+        {"priorities of others", [other] { return ::syscall(SYS_setpriority, -1, other, 0); }},
+        {"input and output priorities of others", [other] { return ::syscall(SYS_ioprio_set, -1, other, 0); }},
+        {"processors of others", [other] { return ::syscall(SYS_sched_setaffinity, other, 0, nullptr); }},
+        {"scheduling of others", [other] { return ::syscall(SYS_sched_setscheduler, other, -1, nullptr); }},
+        {"scheduling parameters of others", [other] { return ::syscall(SYS_sched_setparam, other, nullptr); }},
+        {"scheduling attributes of others", [other] { return ::syscall(SYS_sched_setattr, other, nullptr, 0); }},
+        {"shared memory", [] { return ::syscall(SYS_shmget, IPC_PRIVATE, 0, 0); }},
+        {"shared memory of others", [] { return ::syscall(SYS_shmat, -1, nullptr, 0); }},
+        {"semaphores", [] { return ::syscall(SYS_semget, IPC_PRIVATE, -1, 0); }},
+        {"message queues", [] { return ::syscall(SYS_msgget, kNoQueue, 0); }},
+        {"named message queues", [] { return ::syscall(SYS_mq_open, nullptr, 0); }},
+        {"shutting what others share", [] { return ::shutdown(-1, SHUT_RDWR); }},
+        {"outliving the program", [] { return ::prctl(PR_SET_PDEATHSIG, 0); }},
+        {"another user", [] { return ::syscall(SYS_setuid, ::getuid()); }},
         {"typing", [] { return ::ioctl(-1, TIOCSTI, ""); }},
         {"typing by a wider number", [] { return ::syscall(SYS_ioctl, -1, (1UL << 32) | TIOCSTI, ""); }},
         {"io_uring", [] { return ::syscall(SYS_io_uring_setup, 0, nullptr); }},

@@ -22,7 +22,7 @@ namespace ternview {
 namespace {
 
 constexpr std::uint64_t kMemoryLimit = std::uint64_t{3} << 29;  // of all its processes
-constexpr std::uint64_t kMemoryLimitOfProcess = std::uint64_t{560} << 20;
+constexpr std::uint64_t kMemoryLimitOfProcess = std::uint64_t{520} << 20;
 constexpr std::size_t kMostProcesses = 1000;
 // Where the browser expects its pipe.
 constexpr int kCommands = 3;

@@ -17,7 +17,7 @@ using Kind = BrowserFailure::Kind;
 // The browser itself takes no longer message; it hangs then.
 constexpr std::size_t kLongestCommand = std::size_t{95} << 20;
 constexpr std::size_t kLongestAnswer = std::size_t{64} << 20;
-constexpr std::chrono::milliseconds kWatchInterval{100};
+constexpr std::chrono::milliseconds kWatchInterval{20};
 
 void makeNonBlocking(int descriptor) {
     ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) | O_NONBLOCK);

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -40,7 +41,8 @@ struct Request {
     PrintSetup setup;
 };
 
-std::optional<Request> parseRequest(std::string_view label) {
+/// @param longest what the program allows
+std::optional<Request> parseRequest(std::string_view label, std::chrono::seconds longest) {
     std::array<double, 4> numbers{};
     for (double& number : numbers) {
         const auto [stop, error] = std::from_chars(label.data(), label.data() + label.size(), number);
@@ -55,7 +57,7 @@ std::optional<Request> parseRequest(std::string_view label) {
     if (!label.empty() || !isPaper || seconds < 1 || seconds > kLongestTimeLimit) {
         return std::nullopt;
     }
-    return Request{std::chrono::seconds(static_cast<int>(seconds)), {width, height, margin}};
+    return Request{std::min(longest, std::chrono::seconds(static_cast<int>(seconds))), {width, height, margin}};
 }
 
 /// A page that takes longer than its size explains was made to; but whoever allows more time than usual gets it.
@@ -71,8 +73,8 @@ std::chrono::seconds processorTime(std::size_t bytes, std::chrono::seconds timeL
 /// What the process does from its first page to its last one.
 class Service {
 public:
-    Service(int gate, Chromium::Options options, std::string obstacle)
-        : gate_(gate), options_(std::move(options)), obstacle_(std::move(obstacle)) {}
+    Service(int gate, std::chrono::seconds timeLimit, Chromium::Options options, std::string obstacle)
+        : gate_(gate), timeLimit_(timeLimit), options_(std::move(options)), obstacle_(std::move(obstacle)) {}
 
     /// Ends when the program does, when the browser does, and after a page that failed: what is left of that is best ended too.
     void run() {
@@ -106,9 +108,9 @@ private:
         for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
             ::setsockopt(socket, SOL_SOCKET, option, &patience, sizeof(patience));
         }
-        const std::optional<ServiceMessage> message = readServiceMessage(socket);
+        const std::optional<ServiceMessage> message = read(socket);
         const std::optional<Request> request =
-            message && message->kind == FrameKind::kDocument ? parseRequest(message->label) : std::nullopt;
+            message && message->kind == FrameKind::kDocument ? parseRequest(message->label, timeLimit_) : std::nullopt;
         if (!request) {
             return true;
         }
@@ -119,6 +121,7 @@ private:
                 return true;
             }
             const std::string pdf = print(message->bytes, *request);
+            const EndInTime end(timeLimit_);
             out.begin(FrameKind::kPdf);
             out.data(pdf);
             out.end();
@@ -131,6 +134,11 @@ private:
             return true;  // the asker has gone; the next one counts
         }
         return false;
+    }
+
+    std::optional<ServiceMessage> read(int socket) const {
+        const EndInTime end(timeLimit_);
+        return readServiceMessage(socket);
     }
 
     std::string print(std::string_view html, const Request& request) {
@@ -154,6 +162,7 @@ private:
     }
 
     int gate_;
+    std::chrono::seconds timeLimit_;  // of a page, whatever its request says
     Chromium::Options options_;
     std::string obstacle_;  // why the browser is not started
     std::optional<Chromium> chromium_;
@@ -162,17 +171,19 @@ private:
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 5) {
+    if (argc != 6) {
         std::fputs("ternview-browser: this program is started by ternview and is of no use alone\n", stderr);
         return 2;
     }
     const int gate = std::atoi(argv[1]);
-    const bool isConfined = argv[4] == kConfined;
+    const std::chrono::seconds timeLimit(std::atoi(argv[2]));
+    const std::string directory = argv[3];
+    const bool isConfined = argv[5] == kConfined;
     Chromium::Options options{
-        .program = argv[3], .directory = isConfined ? kSandboxDirectory : argv[2], .ownSandbox = isConfined};
+        .program = argv[4], .directory = isConfined ? kSandboxDirectory : directory, .ownSandbox = isConfined};
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    std::string obstacle = isConfined ? enterBrowserSandbox(options.program.parent_path()) : confineWithoutNamespaces(argv[2]);
-    Service(gate, std::move(options), std::move(obstacle)).run();
+    std::string obstacle = isConfined ? enterBrowserSandbox(options.program.parent_path()) : confineWithoutNamespaces(directory);
+    Service(gate, timeLimit, std::move(options), std::move(obstacle)).run();
     ::_exit(EXIT_SUCCESS);
 }

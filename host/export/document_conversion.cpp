@@ -95,8 +95,9 @@ void convertDocument(const ConversionTask& task, FrameWriter& out) {
     JobResult result;
     guarded(result, [&] {
         const std::string bytes = readDocument(task.document);
-        limitProcessorTimeBySize(bytes.size(), task.format == ExportFormat::kPng ? std::pow(task.resolution / 96.0, 2) : 1);
-        limitMemoryBySize(bytes.size());
+        const std::uint64_t size = std::min<std::uint64_t>(bytes.size(), task.fileSize);
+        limitProcessorTimeBySize(size, task.format == ExportFormat::kPng ? std::pow(task.resolution / 96.0, 2) : 1);
+        limitMemoryBySize(size);
         const bool isHtml = task.documentFormat == ternkit::kFormatHtml;
         const HandedDocument document{task.documentFormat, bytes, isHtml ? std::optional(task.document) : std::nullopt};
         if (task.format == ExportFormat::kPdf || task.format == ExportFormat::kPng) {

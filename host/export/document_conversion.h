@@ -19,6 +19,7 @@ struct ConversionTask {
     int resolution = 96;    // dots per inch, of PNG pages
     bool thumbnail = true;  // a small picture of the first page is wanted too
     std::uint32_t documentFormat = 0;
+    std::uint64_t fileSize = 0;      // of the mail file, in bytes
     std::filesystem::path document;  // its file; pictures of HTML lie beside it
     std::string title;               // UTF-8, for formats that have one
 };

@@ -314,6 +314,11 @@ void ExportJournal::admit(const FileLine& line) {
     lastNumber_ = std::max(lastNumber_, line.place.number);
 }
 
+bool isTooLong(const fs::path& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) != 0 && errno == ENAMETOOLONG;
+}
+
 bool ExportJournal::isFreeDirectory(const std::string& name) const {
     if (isThere(directory_ / name)) {
         return false;
@@ -325,7 +330,11 @@ bool ExportJournal::isFreeDirectory(const std::string& name) const {
 }
 
 std::string ExportJournal::freeDirectory(const fs::path& store) const {
-    const std::string name = storeDirectoryName(store);
+    std::string name = storeDirectoryName(store);
+    while (isTooLong(directory_ / name) && name.size() > 1) {
+        name = safeNamePart(name, name.size() / 2);
+        name = name.empty() ? "_" : name;
+    }
     for (std::uint32_t attempt = 1; attempt < kMostAttempts; ++attempt) {
         if (isFreeDirectory(numbered(name, attempt))) {
             return numbered(name, attempt);

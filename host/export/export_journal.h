@@ -134,4 +134,7 @@ private:
     std::uint32_t lastNumber_ = 0;  // of a single message
 };
 
+/// Whether a path or a name in it is longer than the file system takes.
+bool isTooLong(const std::filesystem::path& path);
+
 }  // namespace ternview

@@ -135,6 +135,16 @@ std::string messageStem(std::uint32_t number, std::optional<std::int64_t> sentTi
     return stem + (shown.empty() ? kNoSubject : shown);
 }
 
+std::string shortened(const std::string& stem) {
+    const std::size_t start = stem.find(' ') + 1;
+    const std::string_view rest = std::string_view(stem).substr(start);
+    if (rest.size() <= 1) {
+        return "";
+    }
+    const std::string half = safeNamePart(rest, rest.size() / 2);
+    return stem.substr(0, start) + (half.empty() ? std::string(1, kReplacement) : half);
+}
+
 std::string storeDirectoryName(const std::filesystem::path& file) {
     std::string name = safeNamePart(file.stem().string(), kLongestName - kRoomBehindStem);
     if (name.empty()) {

@@ -26,6 +26,11 @@ std::string safeNamePart(std::string_view text, std::size_t mostBytes);
 /// @param sentTime seconds since 1970, UTC
 std::string messageStem(std::uint32_t number, std::optional<std::int64_t> sentTime, std::string_view subject);
 
+/// A message's name for where it may not be so long: what follows the number, cut to half of its bytes between characters, and in
+/// the end to an underscore.
+/// @return empty when it cannot be shorter
+std::string shortened(const std::string& stem);
+
 /// A store's directory, from its file's name.
 std::string storeDirectoryName(const std::filesystem::path& file);
 

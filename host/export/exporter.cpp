@@ -261,6 +261,7 @@ void Exporter::start(Task task) {
                                     .resolution = request_.options.resolution,
                                     .thumbnail = request_.pictures,
                                     .documentFormat = summary.documentFormat,
+                                    .fileSize = sources_[task.source].identity.size,
                                     .document = summary.directory / summary.files.front().name,
                                     .title = summary.subject};
     const auto free = std::find(running_.begin(), running_.end(), std::nullopt);
@@ -298,11 +299,13 @@ void Exporter::waitForWork(const HeldSignals& signals) {
 void Exporter::finish(Task& task, JobResult result) {
     Source& source = sources_[task.source];
     --source.underWay;
-    if (task.outputs->isComplete()) {
-        task.outputs->commit(journal_, std::move(task.record));
+    if (task.outputs->isComplete() && task.outputs->commit(journal_, task.record)) {
         ++counts_.done;
     } else {
-        if (result.failure == Failure::kNone) {
+        if (task.outputs->isComplete()) {
+            result.failure = Failure::kOutput;
+            result.detail = "even its shortest name is too long there";
+        } else if (result.failure == Failure::kNone) {
             result.failure = Failure::kWorkerProtocol;
         }
         fail(source, std::move(task.record), result);

@@ -129,39 +129,60 @@ void MessageOutputs::end() {
     open_ = nullptr;
 }
 
-bool MessageOutputs::isFree(const ExportJournal& journal, const MessageRecord& record, const MessageRecord* earlier) const {
+MessageOutputs::Name MessageOutputs::lookUp(const ExportJournal& journal, const MessageRecord& record,
+                                            const MessageRecord* earlier) const {
     for (std::uint32_t part = 1; part <= record.parts; ++part) {
         const fs::path path = journal.outputPath(file_, record, part);
+        if (isTooLong(path)) {
+            return Name::kTooLong;
+        }
         if (isThere(path) && !isOurs(journal, file_, path, earlier, part)) {
-            return false;
+            return Name::kTaken;
         }
     }
-    return true;
+    return Name::kFree;
 }
 
-void MessageOutputs::chooseNames(const ExportJournal& journal, MessageRecord& record, const MessageRecord* earlier) const {
+/// @return false when none is short enough
+bool MessageOutputs::chooseStem(const ExportJournal& journal, MessageRecord& record, const MessageRecord* earlier,
+                                std::string stem) const {
+    for (; !stem.empty(); stem = shortened(stem)) {
+        Name name = Name::kTaken;
+        for (std::uint32_t attempt = 1; attempt < kMostAttempts && name == Name::kTaken; ++attempt) {
+            record.stem = numbered(stem, attempt);
+            name = lookUp(journal, record, earlier);
+        }
+        if (name != Name::kTooLong) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool MessageOutputs::chooseNames(const ExportJournal& journal, MessageRecord& record, const MessageRecord* earlier) const {
     const FilePlace& place = journal.place(file_);
     const std::uint32_t number = place.isStore ? record.number : place.number;
-    const std::string stem = messageStem(number, record.sentTime, record.subject);
     record.parts = static_cast<std::uint32_t>(parts_.size());
-    std::uint32_t attempt = 1;
-    do {
-        record.stem = numbered(stem, attempt);
-    } while (!isFree(journal, record, earlier) && ++attempt < kMostAttempts);
-    if (!hasThumbnail_) {
-        return;
+    if (!chooseStem(journal, record, earlier, messageStem(number, record.sentTime, record.subject))) {
+        return false;
     }
-    attempt = 1;
+    if (!hasThumbnail_) {
+        return true;
+    }
+    std::uint32_t attempt = 1;
     do {
         record.thumbnail = thumbnailName(place.isStore ? std::optional(file_) : std::nullopt, number, attempt);
     } while (isThere(journal.thumbnailPath(record)) && (earlier == nullptr || earlier->thumbnail != record.thumbnail) &&
              ++attempt < kMostAttempts);
+    return true;
 }
 
-void MessageOutputs::commit(ExportJournal& journal, MessageRecord record) {
+bool MessageOutputs::commit(ExportJournal& journal, MessageRecord record) {
     const std::optional<MessageRecord> known = journal.earlier(file_, record.number);
     const MessageRecord* earlier = known ? &*known : nullptr;
-    chooseNames(journal, record, earlier);
+    if (!chooseNames(journal, record, earlier)) {
+        return false;
+    }
     journal.add(file_, record);
     if (hasThumbnail_) {
         thumbnail_->commitAs(journal.thumbnailPath(record), PendingFile::Existing::kReplace);
@@ -173,6 +194,7 @@ void MessageOutputs::commit(ExportJournal& journal, MessageRecord record) {
             throw JobError(Failure::kOutput, path.string() + ": a file of that name has just appeared");
         }
     }
+    return true;
 }
 
 }  // namespace ternview

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -31,14 +32,18 @@ public:
      * outputs then take another name.
      *
      * @param record all but the names of the outputs
+     * @return false when no name is short enough for the place; nothing has appeared then
      * @throws JobError
      */
-    void commit(ExportJournal& journal, MessageRecord record);
+    bool commit(ExportJournal& journal, MessageRecord record);
 
 private:
     void beginPart(FrameKind kind, std::string_view label);
-    void chooseNames(const ExportJournal& journal, MessageRecord& record, const MessageRecord* earlier) const;
-    bool isFree(const ExportJournal& journal, const MessageRecord& record, const MessageRecord* earlier) const;
+    enum class Name { kFree, kTaken, kTooLong };
+
+    bool chooseStem(const ExportJournal& journal, MessageRecord& record, const MessageRecord* earlier, std::string stem) const;
+    bool chooseNames(const ExportJournal& journal, MessageRecord& record, const MessageRecord* earlier) const;
+    Name lookUp(const ExportJournal& journal, const MessageRecord& record, const MessageRecord* earlier) const;
 
     std::size_t file_;
     ExportFormat format_;

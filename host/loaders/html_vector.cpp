@@ -112,7 +112,7 @@ bool draw(std::string_view data, double maxPixels, const SharedMemory& memory) {
 void lower(__rlimit_resource resource, rlim_t wanted) {
     struct rlimit limit {};
     getrlimit(resource, &limit);
-    limit.rlim_cur = limit.rlim_max = std::min(wanted, limit.rlim_max);
+    limit.rlim_cur = limit.rlim_max = std::min(wanted, limit.rlim_cur);
     setrlimit(resource, &limit);
 }
 

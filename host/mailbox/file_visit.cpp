@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <limits>
+#include <memory>
 #include <new>
 #include <optional>
 #include <utility>
@@ -10,7 +11,6 @@
 #include <ternkit/batch.h>
 #include <ternkit/formats.h>
 
-#include "confinement.h"
 #include "document_files.h"
 #include "explanation.h"
 #include "filter_module.h"
@@ -152,7 +152,8 @@ private:
         } else if (sender_.options().documents && (message.document != nullptr || message.htmlPath != nullptr)) {
             keepDocument(message, summary);
         }
-        if (sender_.options().withHelp && summary.sourceFormat == ternkit::kFormatEml && isRefused(resultOf(summary))) {
+        const bool maybeCorrected = summary.sourceFormat == ternkit::kFormatEml || summary.sourceFormat == ternkit::kFormatMsg;
+        if (sender_.options().withHelp && maybeCorrected && isRefused(resultOf(summary))) {
             refused_ = std::move(summary);
         } else {
             sender_.send(summary);
@@ -193,12 +194,16 @@ private:
     std::exception_ptr thrown_;
 };
 
-/// Visits a copy of a message in its place. @return nothing when the filter refuses that one too, and nothing was sent
+/// Visits a copy of a message in its place. @return nothing when the filter refuses that one too or there is no room for it, and
+/// nothing was sent
 std::optional<JobResult> visitCopy(const BatchModule& module, MessageSender& sender, std::size_t index,
                                    const CorrectedCopy& corrected, Standing standing) {
     standing.helps.push_back(corrected.help);
-    const TemporaryCopy copy(corrected.bytes);
-    const MailFile copied(copy.path());
+    const auto copy = TemporaryCopy::ifThereIsRoom(corrected.bytes);
+    if (!copy) {
+        return std::nullopt;
+    }
+    const MailFile copied(copy->path());
     FileVisit visit(sender, index, copied, std::move(standing));
     if (visit.run(module) != ternkit::kOk || visit.refused()) {
         return std::nullopt;
@@ -251,8 +256,10 @@ JobResult visitMbox(const BatchModule& module, MessageSender& sender, std::size_
             continue;
         }
         std::string bytes;
+        std::unique_ptr<const TemporaryCopy> copy;
         try {
             bytes = mbox.message(i);
+            copy = std::make_unique<TemporaryCopy>(bytes);
         } catch (const JobError& error) {
             MessageSummary lost;
             lost.number = number;
@@ -263,8 +270,7 @@ JobResult visitMbox(const BatchModule& module, MessageSender& sender, std::size_
             sender.send(lost);
             continue;
         }
-        const TemporaryCopy copy(bytes);
-        visitWithHelp(module, sender, index, MailFile(copy.path()),
+        visitWithHelp(module, sender, index, MailFile(copy->path()),
                       Standing{number, result.messageCount, bytes.size(), {Help::kMbox}});
     }
     return result;
@@ -277,9 +283,10 @@ JobResult visitMailFile(const BatchModule& module, MessageSender& sender, const 
     try {
         result.status = ternkit::kCannotOpen;  // what the filter says of such a file
         const MailFile file(path);
-        limitMemoryBySize(file.size());
+        sender.beginFile(file.size());
         result.status = 0;
-        const std::optional<Mbox> mbox = sender.options().withHelp ? Mbox::open(file.descriptor()) : std::nullopt;
+        const std::optional<Mbox> mbox =
+            sender.options().withHelp ? Mbox::open(file.descriptor(), [&sender] { sender.tellOfPass(); }) : std::nullopt;
         const bool holdsSeveral = mbox && mbox->count() > 1;
         return holdsSeveral ? visitMbox(module, sender, index, *mbox) : visitWithHelp(module, sender, index, file, std::nullopt);
     } catch (const JobError& error) {

@@ -1,13 +1,10 @@
 #include "list_command.h"
 
-#include <limits.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
@@ -54,32 +51,15 @@ std::optional<std::size_t> terminalWidth() {
 /// Standard output, where lines wait until they are flushed. A signal is answered even while a pager takes nothing.
 class ListOutput {
 public:
-    explicit ListOutput(const HeldSignals& signals) : signals_(signals) {}
-
     void add(std::string_view text) { waiting_ += text; }
 
     /// @throws JobError, and Interrupted when a signal has come or nobody reads any more
     void flush() {
-        std::string_view rest = waiting_;
-        while (!rest.empty()) {
-            waitUntilTaken();
-            // A pipe that is ready takes that much without waiting.
-            const std::string_view piece = rest.substr(0, PIPE_BUF);
-            writeStandardOutput(piece);
-            rest.remove_prefix(piece.size());
-        }
+        writeStandardOutput(waiting_);
         waiting_.clear();
     }
 
 private:
-    void waitUntilTaken() const {
-        std::array<pollfd, 2> watched{pollfd{STDOUT_FILENO, POLLOUT, 0}, pollfd{signals_.descriptor(), POLLIN, 0}};
-        while (::poll(watched.data(), watched.size(), -1) < 0 && errno == EINTR) {
-        }
-        signals_.check();
-    }
-
-    const HeldSignals& signals_;
     std::string waiting_;
 };
 
@@ -178,7 +158,7 @@ private:
 int runList(const ListRequest& request) {
     const MailFiles found = findMailFiles(request.arguments);
     const HeldSignals signals;
-    ListOutput output(signals);
+    ListOutput output;
     Listing listing(request, found.files, output);
     for (const MailFiles::Problem& problem : found.problems) {
         listing.fail(problem.path, problem.result);

@@ -26,6 +26,17 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// A process tells of passing over messages four times a second at most. Time for this is bounded by what the file holds.
+constexpr std::chrono::seconds kTimeOfPass{1};
+constexpr std::uint64_t kPassesOfMegabyte = 160;
+constexpr std::uint64_t kMegabyte = 1'000'000;
+
+std::uint64_t sizeOf(const std::string& file) {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(file, error);
+    return error ? 0 : size;
+}
+
 JobResult resultOf(Failure failure, const std::string& detail = {}) {
     JobResult result;
     result.failure = failure;
@@ -99,7 +110,6 @@ public:
         }
         const ssize_t got = ::recv(descriptor(), chunk_.data(), chunk_.size(), MSG_DONTWAIT);
         if (got > 0) {
-            heardOf_ = Clock::now();
             takeBytes({chunk_.data(), static_cast<std::size_t>(got)}, visitor);
         } else if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
             processEnded(visitor);
@@ -136,6 +146,7 @@ private:
         running_ = std::move(running);
         ungranted_ = wanted_ - granted;
         lastNumber_ = 0;
+        passes_ = 0;
         heardOf_ = Clock::now();
     }
 
@@ -205,7 +216,7 @@ private:
             case FrameKind::kFileEnd:
                 return takeFileEnd(frame.payload, visitor);
             default:
-                return frame.kind == FrameKind::kMessagePass;
+                return frame.kind == FrameKind::kMessagePass && takePass();
         }
     }
 
@@ -216,6 +227,7 @@ private:
             return false;
         }
         --wanted_;
+        heardOf_ = Clock::now();
         lastNumber_ = message->number + static_cast<std::int32_t>(message->run - 1);
         message->file = current_;
         if (hasFiles) {
@@ -225,13 +237,21 @@ private:
         return true;
     }
 
+    /// Messages that are passed over take time, but not for ever.
+    bool takePass() {
+        heardOf_ = std::min(Clock::now(), heardOf_ + kTimeOfPass);
+        return ++passes_ <= kPassesOfMegabyte * (1 + sizeOf(files_[current_]) / kMegabyte);
+    }
+
     bool takeFileEnd(std::string_view payload, MailboxVisitor& visitor) {
         const std::optional<JobResult> result = unpackFileEnd(payload);
         if (!result) {
             return false;
         }
         running_->hasEndedFile = true;
+        heardOf_ = Clock::now();
         lastNumber_ = 0;
+        passes_ = 0;
         visitor.fileEnd(current_++, *result);
         if (current_ == files_.size()) {
             stop();
@@ -256,6 +276,7 @@ private:
     MailboxOptions options_;
     std::size_t current_ = 0;      // file that the process is at
     std::int32_t lastNumber_ = 0;  // of the current file's messages
+    std::uint64_t passes_ = 0;     // of which the current file's process has told
     std::uint64_t wanted_ = 0;     // messages granted that have not come
     std::uint64_t ungranted_ = 0;  // of these, what the process does not know of yet
     std::uint64_t messageDirectories_ = 0;

@@ -15,6 +15,7 @@ namespace ternview {
 namespace {
 
 constexpr std::chrono::milliseconds kPassInterval{250};
+constexpr std::chrono::seconds kLate{1};
 
 }  // namespace
 
@@ -22,8 +23,14 @@ std::filesystem::path MessageSender::nextDirectory() const {
     return messageDirectory(options_, messageDirectories_);
 }
 
+void MessageSender::beginFile(std::uint64_t bytes) {
+    limitMemoryBySize(bytes);
+    timeLimitedSince_ = Clock::now();
+    limitProcessorTime(options_.timeLimit);
+    limitProcessorTimeBySize(bytes);
+}
+
 void MessageSender::beginMessage() {
-    constexpr std::chrono::seconds kLate{1};
     if (const auto now = Clock::now(); now - timeLimitedSince_ >= kLate) {
         timeLimitedSince_ = now;
         limitProcessorTime(options_.timeLimit + kLate);
@@ -34,10 +41,14 @@ bool MessageSender::isWanted(std::size_t file, std::int32_t number) {
     if (!options_.wanted || options_.wanted(file, number)) {
         return true;
     }
+    tellOfPass();
+    return false;
+}
+
+void MessageSender::tellOfPass() {
     if (Clock::now() - lastSent_ > kPassInterval) {
         sendFrame(FrameKind::kMessagePass, {});
     }
-    return false;
 }
 
 void MessageSender::send(const MessageSummary& message) {

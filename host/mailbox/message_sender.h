@@ -27,12 +27,16 @@ public:
     /// Where the files of the next message's document are to be put.
     std::filesystem::path nextDirectory() const;
 
+    /// A file begins: so do the limits that go by its size.
+    void beginFile(std::uint64_t bytes);
     /// A message begins: the time limit begins anew. The limit is moved on once a second at most, and so may be that much late.
     void beginMessage();
     /// Whether a message's document is wanted. The program is told of those that are not, lest its clock takes them for one that
     /// takes long.
     /// @throws std::system_error here and below when the program is gone
     bool isWanted(std::size_t file, std::int32_t number);
+    /// Nothing is to be sent yet, but there is progress. It may be called often.
+    void tellOfPass();
     /// Sends it once the program wants one more.
     void send(const MessageSummary& message);
     void sendFileEnd(const JobResult& result);
@@ -49,7 +53,7 @@ private:
     std::uint32_t granted_;
     std::uint64_t messageDirectories_;
     Clock::time_point lastSent_ = Clock::now();
-    Clock::time_point timeLimitedSince_{};
+    Clock::time_point timeLimitedSince_ = Clock::now();
 };
 
 }  // namespace ternview

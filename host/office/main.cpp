@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -95,10 +96,11 @@ constexpr Target kTargets[] = {
 
 struct Request {
     const Target* target;
-    unsigned seconds;
+    std::chrono::seconds timeLimit;
 };
 
-std::optional<Request> parseRequest(std::string_view label) {
+/// @param longest what the program allows
+std::optional<Request> parseRequest(std::string_view label, std::chrono::seconds longest) {
     const auto target = std::ranges::find_if(kTargets, [label](const Target& t) { return label.starts_with(t.label); });
     if (target == std::end(kTargets)) {
         return std::nullopt;
@@ -107,7 +109,10 @@ std::optional<Request> parseRequest(std::string_view label) {
     const std::string_view digits = label.substr(label.find(' ') + 1);
     const auto [stop, error] = std::from_chars(digits.data(), digits.data() + digits.size(), seconds);
     const bool isNumber = error == std::errc() && stop == digits.data() + digits.size();
-    return isNumber && seconds > 0 && seconds <= kLongestTimeLimit ? std::optional(Request{target, seconds}) : std::nullopt;
+    if (!isNumber || seconds == 0 || seconds > kLongestTimeLimit) {
+        return std::nullopt;
+    }
+    return Request{target, std::min(longest, std::chrono::seconds(seconds))};
 }
 
 std::string takeError(LibreOfficeKit& suite) {
@@ -146,22 +151,23 @@ void setSoftLimit(__rlimit_resource resource, rlim_t value) {
 /// What a document of this size may need: the suite itself takes the larger part.
 void limitMemory([[maybe_unused]] std::size_t bytes) {
 #ifndef TERNVIEW_SANITIZED
-    constexpr rlim_t kMemoryOfSmallDocument = rlim_t{560} << 20;
+    constexpr rlim_t kMemoryOfSmallDocument = rlim_t{400} << 20;
     constexpr rlim_t kMemoryOfByte = 12;
     setSoftLimit(RLIMIT_DATA, kMemoryOfSmallDocument + kMemoryOfByte * bytes);
 #endif
 }
 
 /// The end of the process for a document that takes longer than its size explains, unless more time than usual is allowed.
-void limitProcessorTime(std::size_t bytes, unsigned allowed) {
-    constexpr unsigned kUsualTimeLimit = 60;
-    constexpr std::size_t kSmallSeconds = 10;
+void limitProcessorTime(std::size_t bytes, std::chrono::seconds timeLimit) {
+    constexpr rlim_t kUsualTimeLimit = 60;
+    constexpr std::size_t kSmallSeconds = 8;            // the start of the suite takes about one more
     constexpr std::size_t kBytesPerSecond = 1'000'000;  // of what is more than small
-    constexpr std::size_t kSmallBytes = 8'000'000;
+    constexpr std::size_t kSmallBytes = 9'000'000;      // compressed, a small mail can hold as much
     timespec used{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
     const std::size_t needed = kSmallSeconds + (std::max(bytes, kSmallBytes) - kSmallBytes) / kBytesPerSecond;
-    const auto seconds = static_cast<rlim_t>(allowed > kUsualTimeLimit ? allowed : std::min<std::size_t>(needed, allowed));
+    const auto allowed = static_cast<rlim_t>(timeLimit.count());
+    const rlim_t seconds = allowed > kUsualTimeLimit ? allowed : std::min<rlim_t>(needed, allowed);
     std::signal(SIGXCPU, SIG_DFL);
     setSoftLimit(RLIMIT_CPU, static_cast<rlim_t>(used.tv_sec) + seconds + 1);
 }
@@ -171,12 +177,10 @@ void answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessa
     const fs::path source = directory / "message.rtf";
     const fs::path target = directory / request.target->file;
     std::ofstream(source, std::ios::binary) << message.bytes;
-    std::signal(SIGALRM, SIG_DFL);  // the end of the process, whatever the suite is at and has set
-    ::alarm(request.seconds);
-    limitProcessorTime(message.bytes.size(), request.seconds);
+    const EndInTime end(request.timeLimit);
+    limitProcessorTime(message.bytes.size(), request.timeLimit);
     limitMemory(message.bytes.size());
     const std::string reason = convert(suite, source, target, *request.target);
-    ::alarm(0);
     setSoftLimit(RLIMIT_CPU, RLIM_INFINITY);
     std::ifstream stream(target, std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
@@ -191,14 +195,20 @@ void answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessa
     out.end();
 }
 
-void serve(LibreOfficeKit*& suite, const fs::path& directory, const fs::path& suiteDirectory, int socket) {
+std::optional<ServiceMessage> readInTime(int socket, std::chrono::seconds limit) {
+    const EndInTime end(limit);
+    return readServiceMessage(socket);
+}
+
+void serve(LibreOfficeKit*& suite, const fs::path& directory, const fs::path& suiteDirectory, int socket,
+           std::chrono::seconds timeLimit) {
     const timeval patience{5, 0};  // an asker that was stopped while it wrote must not hold the others up
     for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
         ::setsockopt(socket, SOL_SOCKET, option, &patience, sizeof(patience));
     }
-    const std::optional<ServiceMessage> message = readServiceMessage(socket);
+    const std::optional<ServiceMessage> message = readInTime(socket, timeLimit);
     const std::optional<Request> request =
-        message && message->kind == FrameKind::kDocument ? parseRequest(message->label) : std::nullopt;
+        message && message->kind == FrameKind::kDocument ? parseRequest(message->label, timeLimit) : std::nullopt;
     if (!request) {
         return;
     }
@@ -217,13 +227,14 @@ void serve(LibreOfficeKit*& suite, const fs::path& directory, const fs::path& su
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4) {
+    if (argc != 5) {
         std::fputs("ternview-office: this program is started by ternview and is of no use alone\n", stderr);
         return 2;
     }
     const int gate = std::atoi(argv[1]);
-    const fs::path directory = argv[2];
-    const fs::path suiteDirectory = argv[3];
+    const std::chrono::seconds timeLimit(std::atoi(argv[2]));
+    const fs::path directory = argv[3];
+    const fs::path suiteDirectory = argv[4];
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     if (!enterOfficeSandbox(directory, suiteDirectory)) {
@@ -236,7 +247,7 @@ int main(int argc, char** argv) {
             break;
         }
         try {
-            serve(suite, directory, suiteDirectory, socket->get());
+            serve(suite, directory, suiteDirectory, socket->get(), timeLimit);
         } catch (const std::exception&) {
             // The asker has gone; the next one counts.
         }

@@ -1,10 +1,7 @@
 #include "repair/canonical_message.h"
 
-#include <gmime/gmime.h>
-
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <iterator>
 #include <memory>
 #include <utility>
@@ -12,32 +9,23 @@
 
 #include "loaders/html_charset.h"
 #include "loaders/text_encoding.h"
+#include "repair/ascii_case.h"
+#include "repair/blank_html.h"
+#include "repair/gmime_values.h"
 #include "repair/lenient_form.h"
+#include "repair/message_pictures.h"
 #include "utf.h"
 
 namespace ternview {
 namespace {
 
 constexpr int kDeepest = 100;
-constexpr std::size_t kMostPictures = 10'000;
 constexpr std::string_view kUtf8Mark = "\xEF\xBB\xBF";
 constexpr std::string_view kNoTextNotice = "(This message has no text.)\r\n";
 constexpr std::array kFields{"From", "To", "Cc", "Bcc", "Subject", "Date", "Importance"};
 /// Fields that the document does not show, and that still tell a mail from any other text.
 constexpr std::array kFieldsOfMail{"Received",   "Return-Path",  "Delivered-To", "Reply-To",
                                    "Message-ID", "MIME-Version", "Content-Type"};
-
-template <typename T>
-struct Unref {
-    void operator()(T* object) const { g_object_unref(object); }
-};
-template <typename T>
-using Ref = std::unique_ptr<T, Unref<T>>;
-
-struct Free {
-    void operator()(void* block) const { g_free(block); }
-};
-using OwnedText = std::unique_ptr<char, Free>;
 
 enum class TextKind { Plain, Html };
 
@@ -51,14 +39,6 @@ struct Text {
 struct DecodedText {
     TextKind kind;
     std::string utf8;
-};
-
-struct Picture {
-    std::string_view type;
-    std::string name;
-    std::string id;        // without angle brackets; empty when there is none
-    std::string location;  // last part of the Content-Location; empty when there is none
-    std::string bytes;
 };
 
 /// What a message, or a part of one, has to show.
@@ -78,27 +58,59 @@ struct Content {
     }
 };
 
-std::string decodedContent(GMimePart* part) {
-    GMimeDataWrapper* wrapper = g_mime_part_get_content(part);
-    if (wrapper == nullptr) {
-        return {};
-    }
-    const Ref<GMimeStream> stream(g_mime_stream_mem_new());
-    g_mime_data_wrapper_write_to_stream(wrapper, stream.get());
-    const GByteArray* bytes = g_mime_stream_mem_get_byte_array(GMIME_STREAM_MEM(stream.get()));
-    return {reinterpret_cast<const char*>(bytes->data), bytes->len};
+/// A charset that writes other letters with seven bits, behind a sign that switches to them.
+struct SevenBitCharset {
+    std::string_view name;
+    std::string_view sign;
+    const char* iconvName;
+};
+
+constexpr std::string_view kHzOpen = "~{";
+constexpr SevenBitCharset kSevenBitCharsets[] = {
+    {"utf-7", "+", "UTF-7"},
+    {"unicode-1-1-utf-7", "+", "UTF-7"},
+    {"iso-2022-kr", "\x1B", "ISO-2022-KR"},
+    {"iso-2022-cn", "\x1B", "ISO-2022-CN"},
+    {"hz-gb-2312", kHzOpen, "GB18030"},  // of the eight-bit form
+};
+
+const SevenBitCharset* sevenBitCharset(std::string_view declared) {
+    const auto found = std::ranges::find_if(kSevenBitCharsets, [declared](const SevenBitCharset& charset) {
+        return declared.size() == charset.name.size() && startsWithNoCase(declared, charset.name);
+    });
+    return found == std::end(kSevenBitCharsets) ? nullptr : found;
 }
 
-std::string textOf(const char* text) {
-    return text == nullptr ? std::string() : std::string(text);
+/// Text in HZ (RFC 1843) with the eighth bit of what stands between its signs.
+std::string eightBitForm(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    bool isChinese = false;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const std::string_view sign = text.substr(at, 2);
+        if (sign == kHzOpen || sign == "~}") {
+            isChinese = sign == kHzOpen;
+            ++at;
+        } else if (!isChinese && (sign == "~~" || sign == "~\n")) {
+            out += sign == "~~" ? "~" : "";
+            ++at;
+        } else {
+            isChinese = isChinese && text[at] != '\n';
+            out += static_cast<char>(isChinese && text[at] > ' ' ? text[at] | '\x80' : text[at]);
+        }
+    }
+    return out;
 }
 
 /// In the declared charset when the bytes are text in it; nothing otherwise.
-std::optional<std::string> fromDeclaredCharset(const std::string& bytes, const char* charset) {
+std::optional<std::string> fromDeclaredCharset(const std::string& text, const char* charset) {
     if (charset == nullptr || *charset == '\0') {
         return std::nullopt;
     }
-    for (const std::string& name : {webCharset(charset), textOf(g_mime_charset_iconv_name(charset))}) {
+    const SevenBitCharset* sevenBit = sevenBitCharset(charset);
+    const std::string bytes = sevenBit != nullptr && sevenBit->sign == kHzOpen ? eightBitForm(text) : text;
+    for (const std::string& name : {sevenBit != nullptr ? std::string(sevenBit->iconvName) : webCharset(charset),
+                                    textOf(g_mime_charset_iconv_name(charset))}) {
         gsize written = 0;
         const OwnedText converted(
             g_convert(bytes.data(), static_cast<gssize>(bytes.size()), "UTF-8", name.c_str(), nullptr, &written, nullptr));
@@ -107,12 +119,6 @@ std::optional<std::string> fromDeclaredCharset(const std::string& bytes, const c
         }
     }
     return std::nullopt;
-}
-
-bool startsWithNoCase(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), text.begin(), [](char a, char b) {
-               return a == std::tolower(static_cast<unsigned char>(b));
-           });
 }
 
 /// Lets the declarations in an HTML text that was converted say what it is now.
@@ -158,12 +164,28 @@ std::string declareUtf8(std::string_view html) {
     return out;
 }
 
+/// Whether text has the sign of its charset, and, in UTF-7 (RFC 2152), nothing that the sign does not stand in front of there.
+bool switchesLetters(const SevenBitCharset& charset, std::string_view bytes) {
+    std::size_t at = bytes.find(charset.sign);
+    const bool isFound = at != std::string_view::npos;
+    for (; charset.sign == "+" && at != std::string_view::npos; at = bytes.find('+', at + 1)) {
+        const char next = at + 1 < bytes.size() ? bytes[at + 1] : ' ';
+        if (g_ascii_isalnum(next) == 0 && next != '+' && next != '/' && next != '-') {
+            return false;
+        }
+    }
+    return isFound;
+}
+
 /// Whether a declaration says more than the bytes do. Text that is valid UTF-8 is hardly anything else, and what has seven bits
-/// is read without a declaration too, unless it is UTF-16.
+/// is read without a declaration too, unless it is UTF-16 or switches to other letters.
 bool canTell(std::string_view charset, std::string_view bytes) {
     const std::string name = webCharset(charset);
     if (bytes.find('\0') != std::string_view::npos) {
         return name.starts_with("utf-16");
+    }
+    if (const SevenBitCharset* sevenBit = sevenBitCharset(charset)) {
+        return switchesLetters(*sevenBit, bytes);
     }
     const bool isSevenBit = std::ranges::all_of(bytes, [](unsigned char c) { return c < 0x80; });
     return !isSevenBit && (name == "utf-8" || name == "UTF-8" || !isValidUtf8(bytes));
@@ -204,83 +226,12 @@ std::string utf8Of(const Text& text) {
 bool needsItsCharset(const Text& text) {
     const bool isReadAsUtf8 = text.kind == TextKind::Plain && isValidUtf8(text.bytes);
     const bool hasNuls = text.bytes.find('\0') != std::string::npos;
-    if (isHabit(declaredCharset(text)) || (isReadAsUtf8 && !hasNuls)) {
+    const std::string charset = declaredCharset(text);
+    if (isHabit(charset) || (isReadAsUtf8 && !hasNuls && sevenBitCharset(charset) == nullptr)) {
         return false;
     }
     const std::optional<std::string> known = decodedAsDeclared(text);
     return known && *known != decode(text.kind, text.bytes);
-}
-
-/// The kinds of picture that a document can carry, by their first bytes; the declared type is often wrong.
-std::string_view pictureType(std::string_view bytes) {
-    if (bytes.starts_with("\x89PNG")) {
-        return "image/png";
-    }
-    if (bytes.starts_with("\xFF\xD8\xFF")) {
-        return "image/jpeg";
-    }
-    if (bytes.starts_with("GIF8")) {
-        return "image/gif";
-    }
-    return {};
-}
-
-std::string_view extensionOf(std::string_view type) {
-    return type == "image/jpeg" ? "jpg" : type.substr(type.find('/') + 1);
-}
-
-std::string lastSegment(const std::string& location) {
-    return location.substr(location.find_last_of('/') + 1);
-}
-
-std::vector<Picture> readPictures(const std::vector<GMimePart*>& parts) {
-    std::vector<Picture> pictures;
-    for (GMimePart* part : parts) {
-        std::string bytes = decodedContent(part);
-        const std::string_view type = pictureType(bytes);
-        if (!type.empty() && pictures.size() < kMostPictures) {
-            pictures.push_back({type, textOf(g_mime_part_get_filename(part)), textOf(g_mime_part_get_content_id(part)),
-                                lastSegment(textOf(g_mime_part_get_content_location(part))), std::move(bytes)});
-        }
-    }
-    return pictures;
-}
-
-/// Passes over an element of HTML whose content is not shown. @return its end
-std::size_t behindHiddenElement(std::string_view html, std::size_t open, std::string_view name) {
-    const std::string end = "</" + std::string(name);
-    for (std::size_t at = html.find("</", open); at != std::string_view::npos; at = html.find("</", at + 2)) {
-        if (startsWithNoCase(html.substr(at), end)) {
-            return at;
-        }
-    }
-    return html.size();
-}
-
-/// True for HTML of which nothing but white space is seen.
-bool showsNothing(std::string_view html) {
-    constexpr std::string_view kBlank = "&nbsp;";
-    std::size_t at = 0;
-    while (at < html.size()) {
-        const std::string_view rest = html.substr(at);
-        if (rest.front() == '<') {
-            const std::string_view tag = rest.substr(0, rest.find('>'));
-            if (startsWithNoCase(tag, "<img") || tag.find("background") != std::string_view::npos) {
-                return false;
-            }
-            for (const std::string_view name : {"head", "style", "title"}) {
-                at = startsWithNoCase(rest.substr(1), name) ? behindHiddenElement(html, at, name) : at;
-            }
-            at = std::min(html.find('>', at), html.size() - 1) + 1;
-        } else if (rest.starts_with(kBlank)) {
-            at += kBlank.size();
-        } else if (rest.front() == ' ' || (rest.front() >= '\t' && rest.front() <= '\r')) {
-            ++at;
-        } else {
-            return false;
-        }
-    }
-    return true;
 }
 
 /// Decodes only where the bytes leave it open: a visible ASCII character is one in every charset, unless a control character
@@ -484,6 +435,30 @@ std::string fieldValue(const char* raw) {
     return decodeText(line);
 }
 
+/// @return of the encoded word (RFC 2047) at the start of the text; 0 when there is none
+std::size_t encodedWordSize(std::string_view text) {
+    const std::size_t charsetEnd = text.starts_with("=?") ? text.find('?', 2) : std::string_view::npos;
+    if (charsetEnd == std::string_view::npos || charsetEnd + 2 >= text.size() || text[charsetEnd + 2] != '?') {
+        return 0;
+    }
+    const std::size_t end = text.find('?', charsetEnd + 3);
+    return end != std::string_view::npos && text.substr(end, 2) == "?=" ? end + 2 : 0;
+}
+
+/// White space between encoded words does not count (RFC 2047 6.2); the filter leaves it out at a fold only.
+std::string withWordsJoined(std::string_view value) {
+    std::string out;
+    while (!value.empty()) {
+        const std::size_t size = encodedWordSize(value);
+        out += value.substr(0, std::max<std::size_t>(size, 1));
+        value.remove_prefix(std::max<std::size_t>(size, 1));
+        if (size != 0 && value.starts_with(' ') && encodedWordSize(value.substr(1)) != 0) {
+            value.remove_prefix(1);
+        }
+    }
+    return out;
+}
+
 /// The filter looks for the words of the fields about content in all fields, in which a stranger may have put them.
 std::string withoutContentWords(const std::string& value) {
     const auto holds = [&value](std::string_view word) {
@@ -505,24 +480,10 @@ std::string fieldLines(GMimeMessage* message) {
         GMimeHeader* header = g_mime_header_list_get_header(headers, name);
         const std::string value = header != nullptr ? fieldValue(g_mime_header_get_raw_value(header)) : std::string();
         if (!value.empty()) {
-            lines += std::string(name) + ": " + withoutContentWords(value) + "\r\n";
+            lines += std::string(name) + ": " + withWordsJoined(withoutContentWords(value)) + "\r\n";
         }
     }
     return lines;
-}
-
-/// A name or an id as it can stand in a field.
-std::string plainToken(const std::string& text) {
-    std::string out;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        const bool isPlain = byte > 0x20 && byte < 0x7F && c != '"' && c != '<' && c != '>' && c != '\\';
-        if (!isPlain) {
-            return {};
-        }
-        out += c;
-    }
-    return out;
 }
 
 std::string textFields(const DecodedText& text) {
@@ -530,32 +491,25 @@ std::string textFields(const DecodedText& text) {
            "; charset=\"utf-8\"\r\nContent-Transfer-Encoding: base64\r\n";
 }
 
-std::string picturePart(const Picture& picture, std::size_t index) {
-    std::string name = plainToken(picture.location.empty() ? picture.name : picture.location);
-    if (name.empty() || name.find_first_of("/:") != std::string::npos) {
-        name = "picture-" + std::to_string(index + 1) + "." + std::string(extensionOf(picture.type));
-    }
-    std::string part =
-        "Content-Type: " + std::string(picture.type) + "; name=\"" + name + "\"\r\nContent-Transfer-Encoding: base64\r\n";
-    if (const std::string id = plainToken(picture.id); !id.empty()) {
-        part += "Content-ID: <" + id + ">\r\n";
-    }
-    return part + "\r\n" + base64Lines(picture.bytes);
+std::string picturePart(const Picture& picture) {
+    return "Content-Type: " + std::string(picture.type) + "; name=\"" + picture.ownName() +
+           "\"\r\nContent-Transfer-Encoding: base64\r\nContent-ID: <" + picture.ownId() + ">\r\n\r\n" +
+           base64Lines(picture.bytes);
 }
 
 /// The fields that tell of the content stand first, where the filter finds them before any word of a stranger.
-std::string write(const std::string& fields, const DecodedText& text, const std::vector<Picture>& pictures) {
+std::string write(const std::string& fields, const DecodedText& text, const std::vector<const Picture*>& pictures) {
     // Base64 has no underscore, and the header fields stand in front of the first delimiter.
     constexpr std::string_view kBoundary = "_ternview_part_";
     std::string out = "MIME-Version: 1.0\r\n";
-    if (text.kind == TextKind::Plain || pictures.empty()) {
+    if (pictures.empty()) {
         return out + textFields(text) + fields + "\r\n" + base64Lines(text.utf8);
     }
     const std::string delimiter = "\r\n--" + std::string(kBoundary);
     out += "Content-Type: multipart/related; boundary=\"" + std::string(kBoundary) + "\"\r\n" + fields;
     out += delimiter + "\r\n" + textFields(text) + "\r\n" + base64Lines(text.utf8);
-    for (std::size_t at = 0; at < pictures.size(); ++at) {
-        out += delimiter + "\r\n" + picturePart(pictures[at], at);
+    for (const Picture* picture : pictures) {
+        out += delimiter + "\r\n" + picturePart(*picture);
     }
     return out + delimiter + "--\r\n";
 }
@@ -652,7 +606,11 @@ bool losesText(std::string_view message) {
     }
     const GMimePart* html = lastTextPart(object, "html", 0);
     const GMimePart* taken = html != nullptr ? html : lastTextPart(object, "plain", 0);
-    return content.texts.size() > 1 || (content.texts.size() == 1 && content.texts.front().part != taken);
+    if (content.texts.size() != 1) {
+        return content.texts.size() > 1;
+    }
+    const Text& text = content.texts.front();
+    return text.part != taken || (text.kind == TextKind::Html && MessagePictures(content.pictures).areLostIn(text.bytes));
 }
 
 std::optional<CanonicalMessage> canonicalMessage(std::string_view original) {
@@ -684,7 +642,10 @@ std::optional<CanonicalMessage> canonicalMessage(std::string_view original) {
                    ? std::nullopt
                    : std::optional(CanonicalMessage{write(fields, {TextKind::Plain, std::string(kNoTextNotice)}, {}), false});
     }
-    return CanonicalMessage{write(fields, joined(texts), readPictures(content.pictures)), true};
+    DecodedText text = joined(texts);
+    MessagePictures pictures(content.pictures);
+    const auto named = text.kind == TextKind::Html ? pictures.rename(text.utf8) : std::vector<const Picture*>();
+    return CanonicalMessage{write(fields, text, named), true};
 }
 
 }  // namespace ternview

@@ -15,7 +15,7 @@ struct CanonicalMessage {
 
 /**
  * Reads a message leniently and writes its header fields, its texts (the HTML one of alternatives; several behind each other as
- * one) and its pictures as one message with CR LF line ends, in UTF-8. Attachments are left out.
+ * one) and the pictures that the HTML names as one message with CR LF line ends, in UTF-8. Attachments are left out.
  *
  * @param message the message as it came
  * @return nothing when there is no header field in it that a mail has, or nothing that could be shown
@@ -25,8 +25,9 @@ std::optional<CanonicalMessage> canonicalMessage(std::string_view message);
 /**
  * True when the filter, which keeps one text of a message and takes the last HTML or else the last plain one, would leave out
  * some of what a person is to read: a further text, the text in front of an attached one, or the plain text beside an empty HTML
- * one; or when a text would be read in another charset than its part declares. A text is decoded only where its bytes leave that
- * open, as every message is asked.
+ * one; when it would leave out a picture that the HTML names, or more of the HTML with it; or when a text would be read in
+ * another charset than its part declares. A text or picture is decoded only where the rest leaves that open, as every message is
+ * asked.
  */
 bool losesText(std::string_view message);
 

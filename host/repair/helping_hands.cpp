@@ -1,6 +1,7 @@
 #include "repair/helping_hands.h"
 
 #include <algorithm>
+#include <memory>
 #include <new>
 #include <optional>
 
@@ -39,31 +40,34 @@ JobResult showRichOrPlain(const MailFile& file, const Job& job, const ShowMessag
     return isShown(again) ? again : result;
 }
 
-JobResult showCopy(const CorrectedCopy& corrected, const Job& job, const ShowMessage& show) {
-    const TemporaryCopy copy(corrected.bytes);
-    JobResult result = showRichOrPlain(MailFile(copy.path()), job, show);
-    result.helps.push_back(corrected.help);
-    return result;
+/// @return nothing when the filter does not show the copy either, or there is no room for it
+std::optional<JobResult> showCopy(const std::optional<CorrectedCopy>& corrected, const Job& job, const ShowMessage& show) {
+    const auto copy = corrected ? TemporaryCopy::ifThereIsRoom(corrected->bytes) : nullptr;
+    if (!copy) {
+        return std::nullopt;
+    }
+    JobResult result = showRichOrPlain(MailFile(copy->path()), job, show);
+    result.helps.push_back(corrected->help);
+    return isShown(result) ? std::optional(std::move(result)) : std::nullopt;
 }
 
 JobResult showOrCorrect(const MailFile& file, const Job& job, const ShowMessage& show) {
-    if (const std::optional<CorrectedCopy> complete = job.completed ? completeCopy(file) : std::nullopt) {
-        JobResult result = showCopy(*complete, job, show);
-        if (isShown(result)) {
-            return result;
-        }
+    if (auto complete = showCopy(job.completed ? completeCopy(file) : std::nullopt, job, show)) {
+        return *complete;
     }
-    JobResult result = showRichOrPlain(file, job, show);
-    if (const std::optional<CorrectedCopy> corrected = correctedCopy(file, result)) {
-        JobResult again = showCopy(*corrected, job, show);
-        return isShown(again) ? again : result;
-    }
-    return result;
+    const JobResult result = showRichOrPlain(file, job, show);
+    return showCopy(correctedCopy(file, result), job, show).value_or(result);
 }
 
 std::optional<CorrectedCopy> completeItem(const MailFile& file, Attachments attachments) {
-    std::optional<std::string> copy = itemCopy(file.handle(), attachments);
-    return copy ? std::optional(CorrectedCopy{std::move(*copy), Help::kWholeText}) : std::nullopt;
+    std::optional<ItemCopy> copy = itemCopy(file.handle(), attachments);
+    return copy ? std::optional(CorrectedCopy{std::move(copy->bytes), Help::kWholeText}) : std::nullopt;
+}
+
+std::optional<CorrectedCopy> correctedItem(const MailFile& file) {
+    std::optional<ItemCopy> copy = itemCopy(file.handle(), Attachments::kCopied, RichText::kLeftOut);
+    return copy ? std::optional(CorrectedCopy{std::move(copy->bytes), copy->isPlain ? Help::kPlainText : Help::kCorrected})
+                : std::nullopt;
 }
 
 std::optional<CorrectedCopy> completeMessage(const MailFile& file) {
@@ -102,7 +106,13 @@ bool isRefused(const JobResult& result) {
 std::optional<CorrectedCopy> correctedCopy(const MailFile& file, const JobResult& result) {
     const bool isNoMail =
         result.failure == Failure::kNoMail || result.failure == Failure::kEmptyFile || result.failure == Failure::kTooShort;
-    if (!isRefused(result) || isNoMail || !isInternetMessage(file) || file.size() > kLargestMessage) {
+    if (!isRefused(result) || isNoMail) {
+        return std::nullopt;
+    }
+    if (isItem(file)) {
+        return correctedItem(file);
+    }
+    if (!isInternetMessage(file) || file.size() > kLargestMessage) {
         return std::nullopt;
     }
     std::optional<CanonicalMessage> message = canonicalMessage(file.beginning(static_cast<std::size_t>(file.size())));

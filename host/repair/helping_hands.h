@@ -16,9 +16,9 @@ namespace ternview {
 using ShowMessage = std::function<JobResult(const MailFile& file, const Job& job)>;
 
 /**
- * Shows a message, with help where it is needed: one of several in mbox form is taken out of its file, an Internet message that
- * is refused or would lose text is written anew, another one is asked for as plain text. The result tells what was done; without
- * any success it is that of the first attempt.
+ * Shows a message, with help where it is needed: one of several in mbox form is taken out of its file, an Internet message or an
+ * item that is refused or would lose something is written anew, another one is asked for as plain text. The result tells what was
+ * done; without any success, or room for a copy, it is that of the first attempt.
  *
  * @param show may be called several times, until it gives something to show
  */
@@ -30,6 +30,7 @@ struct CorrectedCopy {
     Help help;  // what was done
 };
 
+/// A message in the form that the filter reads, or an item without its rich text.
 /// @param result of the message as it came @return nothing when it was not refused, or there is no mail in it
 std::optional<CorrectedCopy> correctedCopy(const MailFile& file, const JobResult& result);
 

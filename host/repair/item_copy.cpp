@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -9,6 +10,7 @@
 #include "external/pole/pole.h"
 #include "loaders/html_charset.h"
 #include "loaders/text_encoding.h"
+#include "repair/ascii_case.h"
 #include "repair/compound_writer.h"
 #include "ternbase/windows.h"
 #include "utf.h"
@@ -99,16 +101,30 @@ std::string utf8Of(const std::u16string& text) {
     return utf8FromUtf16(utf16Bytes(text), ByteOrder::kLittleEndian);
 }
 
+/// A character as ASCII can name it. Nothing resolves references in a style sheet, which has escapes of its own (CSS 2.2, 4.1.3);
+/// their backslash is escaped once more, for RTF.
+std::string named(char32_t character, bool isInStyle) {
+    std::array<char, 8> digits{};
+    const auto number = static_cast<std::uint32_t>(character);
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number, isInStyle ? 16 : 10).ptr;
+    const std::string text(digits.data(), end);
+    return isInStyle ? "\\'5c" + text + " " : "&#" + text + ";";
+}
+
 /// The HTML as rich text that an HTML message is wrapped in, stored without compression ([MS-OXRTFCP] 2.1.3.1). All of it is
-/// ASCII: other characters are references, and what means something in RTF is escaped.
+/// ASCII: other characters are named, and what means something in RTF is escaped.
 std::string wrappedHtml(std::string_view html) {
     std::string rtf = "{\\rtf1\\ansi\\ansicpg1252\\fromhtml1{\\*\\htmltag0 ";
+    bool isInStyle = false;
     while (!html.empty()) {
+        if (html.front() == '<') {
+            isInStyle = isInStyle ? !startsWithNoCase(html, "</style") : startsWithNoCase(html, "<style");
+        }
         const Utf8Step step = readUtf8(html);
         const std::string_view raw = html.substr(0, step.size);
         html.remove_prefix(step.size);
         if (step.character >= 0x80) {
-            rtf += "&#" + std::to_string(static_cast<std::uint32_t>(step.character)) + ";";
+            rtf += named(step.character, isInStyle);
         } else if (raw == "\n") {
             rtf += "\\par\r\n";
         } else if (raw == "\\") {
@@ -134,7 +150,7 @@ class Copier {
 public:
     explicit Copier(ternkit::FileHandle handle) : file_(handle) { file_.open(); }
 
-    std::optional<std::string> copy(Attachments attachments) {
+    std::optional<ItemCopy> copy(Attachments attachments, RichText richText) {
         root_ = file_.result == CompoundResult::Ok ? file_.findEntry("/") : nullptr;
         const std::optional<std::string> properties = root_ != nullptr ? read(*root_, kPropertyStream) : std::nullopt;
         if (!properties) {
@@ -142,15 +158,17 @@ public:
         }
         readCodePages(*properties);
         const bool hasForeignTexts = copyTexts();
-        const bool hasHtml = !copyRichBody() && copyHtmlBody();
-        if (!hasForeignTexts && !hasHtml) {
+        const bool hasRichText = richText == RichText::kCopied && copyRichBody();
+        const bool hasHtml = !hasRichText && copyHtmlBody();
+        const bool isNeeded = richText == RichText::kCopied ? hasForeignTexts || hasHtml : hasHtml || hasPlainBody();
+        if (!isNeeded) {
             return std::nullopt;
         }
         if (attachments == Attachments::kCopied) {
             copyAttachments();
         }
         contents_.streams.emplace(kPropertyStream, *properties);
-        return writeCompoundFile(contents_);
+        return ItemCopy{writeCompoundFile(contents_), !hasRichText && !hasHtml};
     }
 
 private:
@@ -209,6 +227,11 @@ private:
         return isForeign;
     }
 
+    bool hasPlainBody() const {
+        const auto body = contents_.streams.find(streamName(kPlainBody, kUnicodeType));
+        return body != contents_.streams.end() && !body->second.empty();
+    }
+
     bool copyRichBody() {
         std::optional<std::string> body = read(*root_, streamName(kRichBody, kBinaryType));
         return body && contents_.streams.emplace(streamName(kRichBody, kBinaryType), std::move(*body)).second;
@@ -263,8 +286,8 @@ private:
 
 }  // namespace
 
-std::optional<std::string> itemCopy(ternkit::FileHandle file, Attachments attachments) {
-    return Copier(file).copy(attachments);
+std::optional<ItemCopy> itemCopy(ternkit::FileHandle file, Attachments attachments, RichText richText) {
+    return Copier(file).copy(attachments, richText);
 }
 
 }  // namespace ternview

@@ -83,7 +83,8 @@ std::size_t readAt(int descriptor, std::uint64_t offset, char* target, std::size
 /// Gives a file's lines one after the other; of a very long one only the beginning.
 class Lines {
 public:
-    explicit Lines(int descriptor) : descriptor_(descriptor), buffer_(std::size_t{1} << 18, '\0') {}
+    Lines(int descriptor, const std::function<void()>& progress)
+        : descriptor_(descriptor), progress_(progress), buffer_(std::size_t{1} << 18, '\0') {}
 
     struct Line {
         std::string_view text;  // without its line feed; valid until the next call
@@ -121,20 +122,27 @@ private:
         return found == nullptr ? std::string::npos : static_cast<std::size_t>(static_cast<const char*>(found) - buffer_.data());
     }
 
+    std::size_t readNext(std::uint64_t offset, char* target, std::size_t count) const {
+        if (progress_) {
+            progress_();
+        }
+        return readAt(descriptor_, offset, target, count);
+    }
+
     void refill() {
         std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(at_), buffer_.begin() + static_cast<std::ptrdiff_t>(filled_),
                   buffer_.begin());
         offset_ += at_;
         filled_ -= at_;
         at_ = 0;
-        filled_ += readAt(descriptor_, offset_ + filled_, buffer_.data() + filled_, buffer_.size() - filled_);
+        filled_ += readNext(offset_ + filled_, buffer_.data() + filled_, buffer_.size() - filled_);
     }
 
     /// What is left of a line that was longer than the buffer. The text that was given stays where it is.
     void skipRest() {
         std::array<char, 65536> piece;
         while (true) {
-            const std::size_t got = readAt(descriptor_, offset_ + at_, piece.data(), piece.size());
+            const std::size_t got = readNext(offset_ + at_, piece.data(), piece.size());
             const void* found = std::memchr(piece.data(), '\n', got);
             const std::size_t passed =
                 found == nullptr ? got : static_cast<std::size_t>(static_cast<const char*>(found) - piece.data()) + 1;
@@ -148,6 +156,7 @@ private:
     }
 
     int descriptor_;
+    const std::function<void()>& progress_;
     std::string buffer_;
     std::uint64_t offset_ = 0;  // of the buffer in the file
     std::size_t at_ = 0;
@@ -156,13 +165,13 @@ private:
 
 }  // namespace
 
-std::optional<Mbox> Mbox::open(int descriptor) {
+std::optional<Mbox> Mbox::open(int descriptor, const std::function<void()>& progress) {
     std::array<char, kSeparator.size()> beginning;
     if (readAt(descriptor, 0, beginning.data(), beginning.size()) != beginning.size() ||
         std::string_view(beginning.data(), beginning.size()) != kSeparator) {
         return std::nullopt;
     }
-    Lines lines(descriptor);
+    Lines lines(descriptor, progress);
     std::vector<std::uint64_t> begins;
     bool afterBlank = true;
     bool afterSeparator = false;

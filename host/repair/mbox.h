@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,9 +16,10 @@ public:
      * Looks through a file for messages. The cost is one pass over it and a few bytes for each message.
      *
      * @param descriptor of a regular file, open for reading; stays the caller's and must outlive the object
+     * @param progress called again and again while it is looked through
      * @return nothing when the file does not begin as such files do
      */
-    static std::optional<Mbox> open(int descriptor);
+    static std::optional<Mbox> open(int descriptor, const std::function<void()>& progress = {});
 
     /// At least 1.
     std::size_t count() const { return begins_.size(); }

@@ -33,6 +33,14 @@ TemporaryCopy::TemporaryCopy(std::string_view bytes) {
     }
 }
 
+std::unique_ptr<TemporaryCopy> TemporaryCopy::ifThereIsRoom(std::string_view bytes) {
+    try {
+        return std::make_unique<TemporaryCopy>(bytes);
+    } catch (const JobError&) {
+        return nullptr;
+    }
+}
+
 TemporaryCopy::~TemporaryCopy() {
     ::unlink(path_.c_str());
 }

@@ -1,6 +1,7 @@
 // A message in a file of its own, for the filter, which opens files only.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -14,6 +15,9 @@ public:
     ~TemporaryCopy();
     TemporaryCopy(const TemporaryCopy&) = delete;
     TemporaryCopy& operator=(const TemporaryCopy&) = delete;
+
+    /// For a copy that may be done without. @return null when it cannot be written
+    static std::unique_ptr<TemporaryCopy> ifThereIsRoom(std::string_view bytes);
 
     const std::string& path() const { return path_; }
 

@@ -5,8 +5,10 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace ternview {
 namespace {
@@ -54,11 +56,26 @@ msghdr gateMessage(iovec& content, Ancillary& ancillary) {
     message.msg_iov = &content;
     message.msg_iovlen = 1;
     message.msg_control = ancillary.bytes.data();
-    message.msg_controllen = ancillary.bytes.size();
+    message.msg_controllen = CMSG_LEN(sizeof(int));  // in what alignment adds a second descriptor would arrive
     return message;
 }
 
+bool isStreamSocket(int descriptor) {
+    int type = 0;
+    socklen_t size = sizeof(type);
+    return ::getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM;
+}
+
 }  // namespace
+
+EndInTime::EndInTime(std::chrono::seconds limit) {
+    std::signal(SIGALRM, SIG_DFL);  // whatever libraries have set
+    ::alarm(static_cast<unsigned>(limit.count()));
+}
+
+EndInTime::~EndInTime() {
+    ::alarm(0);
+}
 
 std::optional<ServiceMessage> readServiceMessage(int socket) {
     FrameParser parser;
@@ -98,14 +115,14 @@ bool sendThroughGate(int gate, int descriptor) {
     return ::sendmsg(gate, &message, MSG_NOSIGNAL) == 1;
 }
 
-std::optional<Descriptor> receiveThroughGate(int gate) {
+std::optional<Descriptor> receiveThroughGate(int gate, int flags) {
     char mark = 0;
     iovec content{&mark, 1};
     Ancillary ancillary;
     msghdr message = gateMessage(content, ancillary);
     ssize_t got;
     do {
-        got = ::recvmsg(gate, &message, MSG_CMSG_CLOEXEC);
+        got = ::recvmsg(gate, &message, MSG_CMSG_CLOEXEC | flags);
     } while (got < 0 && errno == EINTR);
     if (got <= 0) {
         return std::nullopt;
@@ -114,9 +131,10 @@ std::optional<Descriptor> receiveThroughGate(int gate) {
     if (header == nullptr || header->cmsg_type != SCM_RIGHTS || header->cmsg_len != CMSG_LEN(sizeof(int))) {
         return Descriptor();
     }
-    int descriptor;
-    std::memcpy(&descriptor, CMSG_DATA(header), sizeof(int));
-    return Descriptor(descriptor);
+    int number;
+    std::memcpy(&number, CMSG_DATA(header), sizeof(int));
+    Descriptor descriptor(number);
+    return isStreamSocket(number) ? std::move(descriptor) : Descriptor();
 }
 
 }  // namespace ternview

@@ -8,6 +8,7 @@
 //   answer    kPdf or kDocument: what became of it; or kResult: a sentence on why nothing did
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -16,6 +17,16 @@
 #include "frames.h"
 
 namespace ternview {
+
+/// Ends the process when it is over its time, whatever it is at: an asker that stops in the middle, or goes on byte by byte, must
+/// not hold the others up.
+class EndInTime {
+public:
+    explicit EndInTime(std::chrono::seconds limit);
+    ~EndInTime();
+    EndInTime(const EndInTime&) = delete;
+    EndInTime& operator=(const EndInTime&) = delete;
+};
 
 inline constexpr std::size_t kLargestServiceMessage = std::size_t{512} << 20;
 
@@ -33,7 +44,9 @@ std::optional<ServiceMessage> readServiceMessage(int socket);
 bool sendThroughGate(int gate, int descriptor);
 
 /// Takes the next descriptor out of the gate; waits for it.
-/// @return an empty one when something else came, nothing at all when all senders have gone
-std::optional<Descriptor> receiveThroughGate(int gate);
+/// @param flags MSG_PEEK to leave it there, MSG_DONTWAIT
+/// @return an empty one when something else came than a stream socket; nothing at all when all senders have gone, or nothing is
+/// there and nobody was to wait
+std::optional<Descriptor> receiveThroughGate(int gate, int flags = 0);
 
 }  // namespace ternview

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -13,8 +14,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <system_error>
 
+#include "confinement.h"
 #include "job.h"
 
 namespace ternview {
@@ -29,7 +32,7 @@ constexpr int kEndMilliseconds = 3000;
 std::array<Descriptor, 2> socketPair(int type) {
     std::array<int, 2> ends;
     if (::socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-        throw std::system_error(errno, std::generic_category(), "socketpair");
+        throw JobError(Failure::kCrash, std::strerror(errno));
     }
     return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
@@ -43,7 +46,19 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     return pointers;
 }
 
-[[noreturn]] void runService(ServiceCommand command, int gate, pid_t parent) {
+short eventsOf(const Descriptor& descriptor, short wanted) {
+    pollfd watched{descriptor.get(), wanted, 0};
+    return ::poll(&watched, 1, 0) == 1 ? watched.revents : short{0};
+}
+
+/// Which socket waits in the gate before all others, by a number that no other one has; 0 when it is nothing to be served.
+ino_t firstWaiting(int gate) {
+    const std::optional<Descriptor> waiting = receiveThroughGate(gate, MSG_PEEK | MSG_DONTWAIT);
+    struct stat status {};
+    return waiting && ::fstat(waiting->get(), &status) == 0 ? status.st_ino : 0;
+}
+
+[[noreturn]] void runService(ServiceCommand command, int gate, std::chrono::seconds timeLimit, pid_t parent) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent) {
         ::_exit(EXIT_FAILURE);
@@ -52,8 +67,10 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         ::dup2(null, standard);
     }
+    closeAllBut({gate});
     ::fcntl(gate, F_SETFD, 0);
-    command.arguments.insert(command.arguments.begin(), {command.program.filename().string(), std::to_string(gate)});
+    command.arguments.insert(command.arguments.begin(),
+                             {command.program.filename().string(), std::to_string(gate), std::to_string(timeLimit.count())});
     ::execve(command.program.c_str(), pointersTo(command.arguments).data(), pointersTo(command.environment).data());
     ::_exit(EXIT_FAILURE);
 }
@@ -94,13 +111,18 @@ fs::path serviceProgram(std::string_view name) {
 }
 
 ServiceProcess::ServiceProcess(ServiceCommand (*command)(const std::string& directory)) : command_(command) {
-    auto [askers, takers] = socketPair(SOCK_SEQPACKET);
-    askers_ = std::move(askers);
-    takers_ = std::move(takers);
+    renewGate();
 }
 
 ServiceProcess::~ServiceProcess() {
-    stop();
+    end();
+}
+
+void ServiceProcess::prepareFor(std::chrono::seconds timeLimit) {
+    timeLimit_ = timeLimit;
+    if (eventsOf(takers_, POLLIN) != 0) {
+        stop();
+    }
 }
 
 int ServiceProcess::watched() const {
@@ -109,19 +131,41 @@ int ServiceProcess::watched() const {
 
 void ServiceProcess::attend() {
     if (process_ != 0) {
-        pollfd process{processDescriptor_.get(), POLLIN, 0};
-        if (::poll(&process, 1, 0) != 1) {
+        if (eventsOf(processDescriptor_, POLLIN) == 0) {
             return;
         }
-        stop();
+        end();
     }
-    pollfd waiting{takers_.get(), POLLIN, 0};
-    if (::poll(&waiting, 1, 0) == 1) {
-        start();
+    const short events = eventsOf(takers_, POLLIN | POLLRDHUP);
+    if ((events & (POLLRDHUP | POLLHUP)) != 0) {
+        renewGate();  // one of those who share it has shut it for all
+    } else if (events != 0) {
+        startForFirst();
     }
 }
 
+void ServiceProcess::startForFirst() {
+    const ino_t first = firstWaiting(takers_.get());
+    if (first == 0 || first == startedFor_) {
+        receiveThroughGate(takers_.get(), MSG_DONTWAIT);
+        return;
+    }
+    startedFor_ = first;
+    start();
+}
+
 void ServiceProcess::stop() {
+    end();
+    renewGate();
+}
+
+void ServiceProcess::renewGate() {
+    auto [askers, takers] = socketPair(SOCK_SEQPACKET);
+    askers_ = std::move(askers);
+    takers_ = std::move(takers);
+}
+
+void ServiceProcess::end() {
     if (process_ == 0) {
         return;
     }
@@ -143,7 +187,7 @@ void ServiceProcess::start() {
     const pid_t parent = ::getpid();
     const pid_t child = ::fork();
     if (child == 0) {
-        runService(command, takers_.get(), parent);
+        runService(command, takers_.get(), timeLimit_, parent);
     }
     if (child < 0) {
         throw JobError(Failure::kCrash, std::strerror(errno));

@@ -39,10 +39,11 @@ enum class ServiceFailure {
 std::variant<ServiceMessage, ServiceFailure> askService(const ServiceAccess& access, std::string_view label,
                                                         std::string_view document, std::chrono::seconds startAllowance);
 
-/// How the process of a service is started. Its program gets the number of its end of the gate as the first argument.
+/// How the process of a service is started. Its program gets two arguments before all others: the number of its end of the
+/// gate, and the longest time for a document in seconds.
 struct ServiceCommand {
     std::filesystem::path program;
-    std::vector<std::string> arguments;    // behind the gate
+    std::vector<std::string> arguments;    // behind those
     std::vector<std::string> environment;  // all of it: nothing of the user's surroundings goes along
     int endSignal = SIGKILL;               // ends it with all its children
 };
@@ -59,23 +60,33 @@ public:
     ServiceProcess(const ServiceProcess&) = delete;
     ServiceProcess& operator=(const ServiceProcess&) = delete;
 
-    /// For ServiceAccess; processes that are forked inherit it.
+    /// To be called before a worker is forked. Stops the process when an earlier worker has left something in the gate.
+    /// @param timeLimit for one document, whatever requests say, of processes that start from now on
+    void prepareFor(std::chrono::seconds timeLimit);
+    /// For ServiceAccess; processes that are forked inherit it. `prepareFor`, `attend` and `stop` may renew it.
     int gate() const { return askers_.get(); }
     int watched() const;
-    /// Buries a process that ended, and starts one when somebody waits for it.
+    /// Buries a process that ended, and starts one when somebody waits for it: for each document once, so that a process that
+    /// cannot take any is not started for ever.
     void attend();
-    /// Ends the process with whatever it is at; the next need starts another one. A document that was waiting stays in the queue.
+    /// Ends the process with whatever it is at, and makes a new gate: whoever still has the old one is cut off. The next need
+    /// starts another process.
     void stop();
     /// Of the running process; 0 when there is none.
     pid_t processId() const { return process_; }
 
 private:
+    void startForFirst();
     void start();
+    void end();
+    void renewGate();
 
     ServiceCommand (*command_)(const std::string& directory);
     Descriptor askers_;
     Descriptor takers_;
     Descriptor processDescriptor_;
+    std::chrono::seconds timeLimit_ = ServiceAccess{}.timeLimit;
+    ino_t startedFor_ = 0;  // the socket that the newest process was to take first
     pid_t process_ = 0;
     int endSignal_ = SIGKILL;
     std::unique_ptr<PrivateDirectory> directory_;

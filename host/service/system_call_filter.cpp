@@ -14,6 +14,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -31,16 +32,35 @@ constexpr __u32 kArchitecture = AUDIT_ARCH_AARCH64;
 #error "the system-call filter does not know this processor"
 #endif
 
+// A change of user is among them as it would take the end with the program away.
 constexpr std::array kRefused{SYS_socket,
                               SYS_connect,
                               SYS_bind,
                               SYS_listen,
+                              SYS_shutdown,
                               SYS_execve,
                               SYS_execveat,
                               SYS_ptrace,
                               SYS_process_vm_readv,
                               SYS_process_vm_writev,
                               SYS_process_madvise,
+                              SYS_migrate_pages,
+                              SYS_move_pages,
+                              SYS_setpriority,
+                              SYS_ioprio_set,
+                              SYS_shmget,
+                              SYS_shmat,
+                              SYS_shmctl,
+                              SYS_semget,
+                              SYS_semop,
+                              SYS_semtimedop,
+                              SYS_semctl,
+                              SYS_msgget,
+                              SYS_msgsnd,
+                              SYS_msgrcv,
+                              SYS_msgctl,
+                              SYS_mq_open,
+                              SYS_mq_unlink,
                               SYS_io_uring_setup,
                               SYS_kill,
                               SYS_tkill,
@@ -68,9 +88,19 @@ constexpr std::array kRefused{SYS_socket,
                               SYS_request_key,
                               SYS_init_module,
                               SYS_finit_module,
+                              SYS_delete_module,
                               SYS_kexec_load,
+                              SYS_kexec_file_load,
                               SYS_reboot,
-                              SYS_open_by_handle_at};
+                              SYS_open_by_handle_at,
+                              SYS_setuid,
+                              SYS_setgid,
+                              SYS_setreuid,
+                              SYS_setregid,
+                              SYS_setresuid,
+                              SYS_setresgid,
+                              SYS_setfsuid,
+                              SYS_setfsgid};
 
 enum class Allowed { kOnly, kNever };
 
@@ -88,7 +118,7 @@ constexpr __u32 kNamespaces =
 constexpr __u32 kSocketType = 0xF;  // the rest are flags
 
 /// @param process this one
-std::array<ArgumentRule, 12> argumentRules(pid_t process) {
+std::array<ArgumentRule, 16> argumentRules(pid_t process) {
     return {{
         {SYS_clone, 0, Allowed::kOnly, 0, kNamespaces},
         // Whoever has one end of a pair of datagram sockets can send to every other local socket.
@@ -97,6 +127,10 @@ std::array<ArgumentRule, 12> argumentRules(pid_t process) {
         // Such as the signal by which abort() ends the process.
         {SYS_tgkill, 0, Allowed::kOnly, static_cast<__u32>(process)},
         {SYS_prlimit64, 0, Allowed::kOnly, 0},
+        {SYS_sched_setaffinity, 0, Allowed::kOnly, 0},
+        {SYS_sched_setparam, 0, Allowed::kOnly, 0},
+        {SYS_sched_setscheduler, 0, Allowed::kOnly, 0},
+        {SYS_sched_setattr, 0, Allowed::kOnly, 0},
         // Input for the terminal is a command as soon as the shell is back.
         {SYS_ioctl, 1, Allowed::kNever, TIOCSTI},
         {SYS_ioctl, 1, Allowed::kNever, TIOCLINUX},
@@ -131,6 +165,13 @@ constexpr sock_filter loadArgument(unsigned index) {
     return statement(BPF_LD | BPF_W | BPF_ABS, static_cast<__u32>(offsetof(seccomp_data, args) + index * sizeof(__u64)));
 }
 
+/// The end with the parent can be asked for again, by a child for itself, but not be called off.
+void appendEndWithParent(std::vector<sock_filter>& filter) {
+    filter.insert(filter.end(), {loadNumber(), jump(BPF_JMP | BPF_JEQ | BPF_K, SYS_prctl, 0, 5), loadArgument(0),
+                                 jump(BPF_JMP | BPF_JEQ | BPF_K, PR_SET_PDEATHSIG, 0, 3), loadArgument(1),
+                                 jump(BPF_JMP | BPF_JEQ | BPF_K, SIGKILL, 1, 0), refuseWith(EPERM)});
+}
+
 std::vector<sock_filter> program() {
     std::vector<sock_filter> filter{
         statement(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
@@ -158,6 +199,7 @@ std::vector<sock_filter> program() {
         filter.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, rule.value, isOnly ? 1 : 0, isOnly ? 0 : 1));
         filter.push_back(refuseWith(EPERM));
     }
+    appendEndWithParent(filter);
     filter.push_back(statement(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     return filter;
 }

@@ -5,8 +5,9 @@ namespace ternview {
 
 /**
  * Refuses with EPERM, for good and in all later children too, what reading and laying out a document does not need: sockets but
- * for connected pairs, new programs, tracing other processes and signals to them, other namespaces and mounts, and input for
- * the terminal. Descriptors that are open already stay usable.
+ * for connected pairs, shutting sockets that others share, new programs, tracing other processes, signals to them and setting
+ * their priorities, memory, semaphores and queues that processes share by name, another user, other namespaces and mounts, input
+ * for the terminal, and calling off the end with the parent. Descriptors that are open already stay usable.
  *
  * @return false when the kernel has no system-call filters, or may not give one
  */

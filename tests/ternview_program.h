@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <set>
+#include <sstream>
 #include <string>
 
 struct Outcome {
@@ -19,8 +19,9 @@ struct Outcome {
 };
 
 inline std::string readFile(const std::filesystem::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();  // of a process that has just ended: nothing
+    return content.str();
 }
 
 /// Runs the program in a directory of its own, with a directory for temporary files that must be empty afterwards.

@@ -57,10 +57,13 @@ builder::Bytes asBytes(const std::string& text) {
 }
 
 bool waitUntil(const std::function<bool()>& condition) {
-    for (int i = 0; i < 1000 && !condition(); ++i) {
+    for (int i = 0; i < 1000; ++i) {
+        if (condition()) {
+            return true;
+        }
         std::this_thread::sleep_for(20ms);
     }
-    return condition();
+    return false;
 }
 
 // ---- workers

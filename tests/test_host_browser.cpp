@@ -97,10 +97,13 @@ std::vector<pid_t> withArguments(pid_t process, const std::vector<std::string>& 
 }
 
 bool waitUntil(const std::function<bool()>& condition) {
-    for (int i = 0; i < 1000 && !condition(); ++i) {
+    for (int i = 0; i < 1000; ++i) {
+        if (condition()) {
+            return true;
+        }
         std::this_thread::sleep_for(20ms);
     }
-    return condition();
+    return false;
 }
 
 bool hasEnded(pid_t process) {

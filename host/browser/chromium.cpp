@@ -116,10 +116,12 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     ::_exit(EXIT_FAILURE);
 }
 
+/// Processes may end at any moment, and reading about them fails then; what is left out is looked at the next time.
 void appendChildren(const std::string& process, std::vector<std::string>& family) {
     std::error_code error;
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/" + process + "/task", error)) {
-        std::ifstream children(thread.path() / "children");
+    for (auto thread = std::filesystem::directory_iterator("/proc/" + process + "/task", error);
+         !error && thread != std::filesystem::directory_iterator(); thread.increment(error)) {
+        std::ifstream children(thread->path() / "children");
         for (std::string child; children >> child && family.size() < kMostProcesses;) {
             family.push_back(child);
         }
@@ -129,7 +131,8 @@ void appendChildren(const std::string& process, std::vector<std::string>& family
 /// The 14th and 15th field of "stat"; the second one, the name, may hold anything in its parentheses.
 std::uint64_t processorTicks(const std::string& process) {
     std::ifstream file("/proc/" + process + "/stat");
-    const std::string stat{std::istreambuf_iterator<char>(file), {}};
+    std::string stat;
+    std::getline(file, stat, '\0');  // all of it; iterators over the buffer would throw
     std::istringstream fields(stat.substr(std::min(stat.rfind(')'), stat.size())));
     std::string skipped;
     for (int field = 2; field < 14; ++field) {

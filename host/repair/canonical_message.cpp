@@ -377,10 +377,11 @@ bool isSameLetter(char a, char b) {
     return g_ascii_tolower(a) == b;
 }
 
-/// The filter puts the header lines behind the body's start tag, and refuses HTML in which that has no end.
+/// The filter puts the header lines behind the body's start tag, and refuses HTML in which that has no end. Which of several it
+/// takes depends on their letters; when the last one has an end, all have.
 void endBodyTag(std::string& html) {
     constexpr std::string_view kBody = "<body";
-    const auto body = std::search(html.begin(), html.end(), kBody.begin(), kBody.end(), isSameLetter);
+    const auto body = std::find_end(html.begin(), html.end(), kBody.begin(), kBody.end(), isSameLetter);
     if (body != html.end() && std::find(body, html.end(), '>') == html.end()) {
         html += '>';
     }

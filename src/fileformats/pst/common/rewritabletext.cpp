@@ -12,8 +12,6 @@ constexpr std::size_t kGroupSize = 4;
 constexpr unsigned kSearchesBeforeFilter = 8;  // making a filter costs about as much as a few searches
 constexpr std::size_t kSampledGroups = 16;
 constexpr std::uint64_t kGrowthOfFilters = 8;
-constexpr std::size_t kShelfChunks = 32;
-constexpr std::size_t kFewestShelves = 2;
 constexpr std::size_t kPlacesForByte = 4;  // of chunks and shelves, at least
 constexpr std::size_t kFewestPlaces = 64;  // a word
 constexpr std::uint64_t kScansOfEachByte = 64;
@@ -50,8 +48,13 @@ struct RewritableText::Needle {
     }
 
     /// False when it does not occur where these groups begin.
-    bool mayOccurIn(const GroupSet& set) const {
-        return std::all_of(groups.begin(), groups.end(), [&](std::uint32_t hash) { return set.has(hash); });
+    bool mayOccurIn(const GroupSet& set) {
+        const auto missing = std::find_if(groups.begin(), groups.end(), [&](std::uint32_t hash) { return !set.has(hash); });
+        if (missing == groups.end()) {
+            return true;
+        }
+        std::iter_swap(groups.begin(), missing);  // one that is rare here is the first to ask for elsewhere
+        return false;
     }
 
     std::string_view text;
@@ -59,7 +62,7 @@ struct RewritableText::Needle {
     std::bitset<256> pairs;
 };
 
-RewritableText::GroupSet::GroupSet(std::size_t places) : m_words(places / kBits, 0), m_mask(places - 1) {}
+RewritableText::GroupSet::GroupSet(std::size_t places) : m_words(places / kBits, 0) {}
 
 void RewritableText::GroupSet::addAll(std::string_view text) {
     for (std::size_t at = 0; at + kGroupSize <= text.size(); ++at) {
@@ -104,14 +107,13 @@ void RewritableText::addGroups(GroupSet& groups, Chunks::iterator chunk) {
 }
 
 void RewritableText::noteSearch(Chunks::iterator chunk) {
-    if (chunk->filter != nullptr || ++chunk->searches < kSearchesBeforeFilter) {
+    if (!chunk->groups.isEmpty() || ++chunk->searches < kSearchesBeforeFilter) {
         return;
     }
-    chunk->filter = std::make_unique<Filter>();
-    chunk->filter->groups = GroupSet(std::max(kFewestPlaces, std::bit_ceil(kPlacesForByte * m_chunkSize)));
-    addGroups(chunk->filter->groups, chunk);
+    chunk->groups = GroupSet(std::max(kFewestPlaces, std::bit_ceil(kPlacesForByte * m_chunkSize)));
+    addGroups(chunk->groups, chunk);
     for (const char byte : chunk->text) {
-        chunk->filter->bytes.set(static_cast<unsigned char>(byte));
+        chunk->bytes.set(static_cast<unsigned char>(byte));
     }
 }
 
@@ -124,23 +126,23 @@ void RewritableText::makeFilters() {
     for (auto chunk = m_chunks.begin(); chunk != m_chunks.end(); ++chunk) {
         addGroups(m_groups, chunk);
     }
-    if (m_chunks.size() >= kFewestShelves * kShelfChunks) {
-        makeShelves(m_chunks.begin(), m_chunks.end());
+    for (std::size_t size = 0; size < kShelfChunks.size() && m_chunks.size() > kShelfChunks[size]; ++size) {
+        makeShelves(size, m_chunks.begin(), m_chunks.end());
     }
 }
 
-/// Puts the chunks [from, to) on new shelves.
-void RewritableText::makeShelves(Chunks::iterator from, Chunks::iterator to) {
+/// Puts the chunks [from, to) on new shelves of a size.
+void RewritableText::makeShelves(std::size_t size, Chunks::iterator from, Chunks::iterator to) {
     std::shared_ptr<Shelf> shelf;
     for (auto chunk = from; chunk != to; ++chunk) {
-        if (shelf == nullptr || shelf->count == kShelfChunks) {
+        if (shelf == nullptr || shelf->count == kShelfChunks[size]) {
             shelf = std::make_shared<Shelf>();
-            shelf->groups = GroupSet(std::max(kFewestPlaces, std::bit_ceil(kPlacesForByte * kShelfChunks * m_chunkSize)));
+            shelf->groups = GroupSet(std::max(kFewestPlaces, std::bit_ceil(kPlacesForByte * kShelfChunks[size] * m_chunkSize)));
         }
         addGroups(shelf->groups, chunk);
         shelf->last = chunk;
         ++shelf->count;
-        chunk->shelf = shelf;
+        chunk->shelves[size] = shelf;
     }
 }
 
@@ -152,10 +154,9 @@ const char* RewritableText::scan(std::string_view text, const Needle& needle) {
     return found;
 }
 
-std::optional<RewritableText::Position> RewritableText::findInside(const Needle& needle, Chunks::iterator chunk,
-                                                                   std::size_t from) {
+std::optional<RewritableText::Position> RewritableText::findInside(Needle& needle, Chunks::iterator chunk, std::size_t from) {
     noteSearch(chunk);
-    if (chunk->filter != nullptr && !needle.mayOccurIn(chunk->filter->groups)) {
+    if (!chunk->groups.isEmpty() && !needle.mayOccurIn(chunk->groups)) {
         return std::nullopt;
     }
     const char* found = scan(std::string_view(chunk->text).substr(from), needle);
@@ -218,7 +219,7 @@ std::optional<RewritableText::Position> RewritableText::findLong(std::string_vie
 }
 
 std::optional<RewritableText::Position> RewritableText::find(std::string_view text, Position from) {
-    const Needle needle(text);
+    Needle needle(text);
     if (m_groups.isEmpty() && ++m_searches >= kSearchesBeforeFilter) {
         makeFilters();
     }
@@ -228,17 +229,22 @@ std::optional<RewritableText::Position> RewritableText::find(std::string_view te
     if (text.size() > m_chunkSize) {
         return findLong(text, from);
     }
-    const Shelf* entered = nullptr;
+    std::array<const Shelf*, kShelfChunks.size()> entered = {};
     while (from.chunk != m_chunks.end() && !isExhausted()) {
-        const Shelf* shelf = from.chunk->shelf.get();
-        const bool skipped = shelf != nullptr && shelf != entered && !needle.mayOccurIn(shelf->groups);
-        if (!skipped) {
-            entered = shelf;
+        const Shelf* skipped = nullptr;
+        for (std::size_t size = kShelfChunks.size(); size-- > 0 && skipped == nullptr;) {
+            const Shelf* shelf = from.chunk->shelves[size].get();
+            if (shelf != entered[size]) {
+                entered[size] = shelf;
+                skipped = shelf != nullptr && !needle.mayOccurIn(shelf->groups) ? shelf : nullptr;
+            }
+        }
+        if (skipped == nullptr) {
             if (const auto inside = findInside(needle, from.chunk, from.offset)) {
                 return inside;
             }
         }
-        const auto last = skipped ? shelf->last : from.chunk;
+        const auto last = skipped != nullptr ? skipped->last : from.chunk;
         if (const auto across = findAcross(needle, from, last)) {
             return across;
         }
@@ -261,8 +267,7 @@ std::optional<RewritableText::Position> RewritableText::findLastByte(char byte, 
     while (true) {
         const std::size_t first = to.chunk == from.chunk ? from.offset : 0;
         if (to.chunk != m_chunks.end() && to.offset > first) {
-            const Filter* filter = to.chunk->filter.get();
-            if (filter == nullptr || filter->bytes.test(static_cast<unsigned char>(byte))) {
+            if (to.chunk->groups.isEmpty() || to.chunk->bytes.test(static_cast<unsigned char>(byte))) {
                 const std::size_t found = std::string_view(to.chunk->text).substr(first, to.offset - first).rfind(byte);
                 if (found != std::string_view::npos) {
                     return Position{to.chunk, first + found};
@@ -301,16 +306,18 @@ void RewritableText::noteEdit(Position from, Position to) {
         for (std::size_t at = 0; at + kGroupSize <= begun.size(); ++at) {
             const std::uint32_t hash = groupHash(begun.data() + at);
             m_groups.add(hash);
-            if (chunk->shelf != nullptr) {
-                chunk->shelf->groups.add(hash);
+            for (const auto& shelf : chunk->shelves) {
+                if (shelf != nullptr) {
+                    shelf->groups.add(hash);
+                }
             }
-            if (chunk->filter != nullptr) {
-                chunk->filter->groups.add(hash);
+            if (!chunk->groups.isEmpty()) {
+                chunk->groups.add(hash);
             }
         }
-        if (chunk->filter != nullptr) {
+        if (!chunk->groups.isEmpty()) {
             for (std::size_t at = first; at < end; ++at) {
-                chunk->filter->bytes.set(static_cast<unsigned char>(chunk->text[at]));
+                chunk->bytes.set(static_cast<unsigned char>(chunk->text[at]));
             }
         }
         if (last) {
@@ -319,30 +326,36 @@ void RewritableText::noteEdit(Position from, Position to) {
     }
 }
 
-/// A new chunk behind another one and on its shelf.
+/// A new chunk behind another one and on its shelves.
 RewritableText::Chunks::iterator RewritableText::insertBehind(Chunks::iterator chunk) {
     const auto inserted = m_chunks.emplace(std::next(chunk));
-    inserted->shelf = chunk->shelf;
-    if (Shelf* shelf = inserted->shelf.get(); shelf != nullptr) {
-        shelf->last = shelf->last == chunk ? inserted : shelf->last;
-        ++shelf->count;
+    inserted->shelves = chunk->shelves;
+    for (const auto& shelf : inserted->shelves) {
+        if (shelf != nullptr) {
+            shelf->last = shelf->last == chunk ? inserted : shelf->last;
+            ++shelf->count;
+        }
     }
     return inserted;
 }
 
-/// Divides the shelf of a chunk once edits have filled it with too many.
-void RewritableText::keepShelfShort(Chunks::iterator chunk) {
-    const std::shared_ptr<Shelf> shelf = chunk != m_chunks.end() ? chunk->shelf : nullptr;
-    if (shelf != nullptr && shelf->count > 2 * kShelfChunks) {
-        const auto behind = std::next(shelf->last);
-        makeShelves(std::prev(behind, static_cast<std::ptrdiff_t>(shelf->count)), behind);
+/// Divides the shelves of a chunk once edits have filled them with too many.
+void RewritableText::keepShelvesShort(Chunks::iterator chunk) {
+    for (std::size_t size = 0; chunk != m_chunks.end() && size < kShelfChunks.size(); ++size) {
+        const std::shared_ptr<Shelf> shelf = chunk->shelves[size];
+        if (shelf != nullptr && shelf->count > 2 * kShelfChunks[size]) {
+            const auto behind = std::next(shelf->last);
+            makeShelves(size, std::prev(behind, static_cast<std::ptrdiff_t>(shelf->count)), behind);
+        }
     }
 }
 
 /// Takes a chunk away and gives the one behind it.
 RewritableText::Chunks::iterator RewritableText::erase(Chunks::iterator chunk) {
-    if (Shelf* shelf = chunk->shelf.get(); shelf != nullptr && --shelf->count != 0 && shelf->last == chunk) {
-        shelf->last = std::prev(chunk);
+    for (const auto& shelf : chunk->shelves) {
+        if (shelf != nullptr && --shelf->count != 0 && shelf->last == chunk) {
+            shelf->last = std::prev(chunk);
+        }
     }
     return m_chunks.erase(chunk);
 }
@@ -400,7 +413,7 @@ RewritableText::Position RewritableText::replace(Position from, Position to, std
     if (!m_groups.isEmpty() && m_size > kGrowthOfFilters * m_filteredSize) {
         makeFilters();  // those for a small text tell little of a large one
     } else {
-        keepShelfShort(start.chunk);
+        keepShelvesShort(start.chunk);
     }
     return behind;
 }

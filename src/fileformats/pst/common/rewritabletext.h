@@ -2,10 +2,11 @@
 //
 // A flat text would be searched from its start for each attachment, and its tail moved for each reference: quadratic in a message
 // that is made of pictures. So the text lies in chunks, an edit moves no more than a chunk or two, and once the text has been
-// searched a few times, sets of the four-byte groups that occur in it tell for most chunks, for most shelves of some dozens of
-// chunks, and mostly for the text as a whole, that a search need not look.
+// searched a few times, sets of the four-byte groups that occur in it tell for most chunks, for most shelves of chunks, small and
+// large, and mostly for the text as a whole, that a search need not look.
 #pragma once
 
+#include <array>
 #include <bitset>
 #include <cstddef>
 #include <cstdint>
@@ -23,8 +24,8 @@ class RewritableText {
         GroupSet() = default;
         explicit GroupSet(std::size_t places);  // a power of two
         bool isEmpty() const { return m_words.empty(); }
-        void add(std::uint32_t hash) { m_words[(hash & m_mask) / kBits] |= std::uint64_t{1} << (hash % kBits); }
-        bool has(std::uint32_t hash) const { return (m_words[(hash & m_mask) / kBits] >> (hash % kBits) & 1U) != 0; }
+        void add(std::uint32_t hash) { m_words[hash / kBits & (m_words.size() - 1)] |= std::uint64_t{1} << (hash % kBits); }
+        bool has(std::uint32_t hash) const { return (m_words[hash / kBits & (m_words.size() - 1)] >> (hash % kBits) & 1U) != 0; }
         /// Enters the groups inside a text.
         void addAll(std::string_view text);
 
@@ -32,21 +33,18 @@ class RewritableText {
         static constexpr std::size_t kBits = 64;
 
         std::vector<std::uint64_t> m_words;
-        std::size_t m_mask = 0;
-    };
-
-    struct Filter {
-        GroupSet groups;         // that begin in the chunk
-        std::bitset<256> bytes;  // in the chunk, and perhaps some that are gone
     };
 
     struct Shelf;
 
+    static constexpr std::array<std::size_t, 3> kShelfChunks = {5, 25, 125};  // on a new shelf of each size
+
     struct Chunk {
         std::string text;  // not empty
         unsigned searches = 0;
-        std::unique_ptr<Filter> filter;
-        std::shared_ptr<Shelf> shelf;  // nothing until it pays
+        GroupSet groups;                                                  // that begin in it; empty until it pays, and so is
+        std::bitset<256> bytes;                                           // in it, and perhaps some that are gone
+        std::array<std::shared_ptr<Shelf>, kShelfChunks.size()> shelves;  // one of each size; nothing until it pays
     };
 
     using Chunks = std::list<Chunk>;
@@ -65,7 +63,7 @@ public:
         std::size_t offset = 0;
     };
 
-    static constexpr std::size_t kChunkSize = 8192;
+    static constexpr std::size_t kChunkSize = 2048;
 
     explicit RewritableText(std::string_view text, std::size_t chunkSize = kChunkSize);
 
@@ -97,18 +95,18 @@ private:
     struct Needle;
 
     std::optional<Position> findLong(std::string_view needle, Position from);
-    std::optional<Position> findInside(const Needle& needle, Chunks::iterator chunk, std::size_t from);
+    std::optional<Position> findInside(Needle& needle, Chunks::iterator chunk, std::size_t from);
     std::optional<Position> findAcross(const Needle& needle, Position from, Chunks::iterator last);
     const char* scan(std::string_view text, const Needle& needle);
     void makeFilters();
-    void makeShelves(Chunks::iterator from, Chunks::iterator to);
+    void makeShelves(std::size_t size, Chunks::iterator from, Chunks::iterator to);
     void addGroups(GroupSet& groups, Chunks::iterator chunk);
     void noteSearch(Chunks::iterator chunk);
     void noteEdit(Position from, Position to);
     Position normalized(Position position);
     Chunks::iterator insertBehind(Chunks::iterator chunk);
     Chunks::iterator erase(Chunks::iterator chunk);
-    void keepShelfShort(Chunks::iterator chunk);
+    void keepShelvesShort(Chunks::iterator chunk);
     Position appendTo(Chunks::iterator chunk, std::string_view text);
 
     std::size_t m_chunkSize;

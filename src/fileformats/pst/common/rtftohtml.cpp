@@ -5,10 +5,10 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
-#include <map>
 #include <new>
 #include <optional>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -179,12 +179,19 @@ private:
     std::vector<Entry> m_entries;
 };
 
+// Takes its factor from the address, which the writer of a mail does not know: no font numbers can be chosen to collide.
+struct FontHash {
+    std::uint64_t factor = reinterpret_cast<std::uintptr_t>(this) * 0x9E3779B97F4A7C15U | 1U;
+    std::size_t operator()(std::int32_t number) const { return static_cast<std::uint32_t>(number) * factor >> 32U; }
+};
+
 // The code page of each font. A document may name its fonts a million times, so they are not sought in the table itself.
 class FontCodePages {
 public:
     Status read(const char*& position, const char* end) {
         const Status status = ReadFontTable(m_table, position, end);
         const auto entries = m_table.entries();
+        m_codePages.reserve(entries.size());
         for (; m_known < entries.size(); ++m_known) {
             m_codePages.try_emplace(entries[m_known].fontNumber, static_cast<std::int32_t>(entries[m_known].codePage));
         }
@@ -202,7 +209,7 @@ public:
 private:
     RtfFontTable m_table;
     std::size_t m_known = 0;
-    std::map<std::int32_t, std::int32_t> m_codePages;
+    std::unordered_map<std::int32_t, std::int32_t, FontHash> m_codePages;
 };
 
 // One conversion.

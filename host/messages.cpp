@@ -256,7 +256,7 @@ std::string helpNote(Help help, const JobResult& result, const Job& job) {
             return file + "the message has no formatted text that can be shown; its plain text is shown.";
         case Help::kWholeText:
             return file +
-                   "the mail filter alone would show only a part of the message's text, or wrong characters; a corrected copy is "
+                   "the mail filter alone would show only a part of the message, or wrong characters; a corrected copy is "
                    "shown.";
     }
     return {};

@@ -101,6 +101,17 @@ std::string manyPictures(std::size_t size, std::size_t referencesEach) {
     return withHtml(html, parts);
 }
 
+std::string longNames(std::size_t size) {
+    std::string html;
+    std::string parts;
+    for (std::size_t number = 0; html.size() + parts.size() < size; ++number) {
+        const std::string id = repeated(std::to_string(number) + "-", 5000);
+        html += reference(id);
+        parts += picturePart(id, "n.png", mime::Base64(std::string(60, 'Z')));
+    }
+    return withHtml(html, parts);
+}
+
 /// Many pictures, and a body full of what is nearly one of their names.
 std::string nearMatches(std::size_t size) {
     const std::string id(60, 'a');
@@ -234,6 +245,7 @@ void addMail(Cases& cases) {
     addRead(cases, "large picture, many references", largePicture);
     addRead(cases, "many pictures", [](std::size_t size) { return manyPictures(size, 1); });
     addRead(cases, "many pictures, many references", [](std::size_t size) { return manyPictures(size, 20); });
+    addRead(cases, "long picture names", longNames);
     addRead(cases, "nearly picture names", nearMatches);
     addRead(cases, "self-similar picture name", selfSimilar);
     addRead(cases, "pictures in each other", inEachOther);

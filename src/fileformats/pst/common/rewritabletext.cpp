@@ -227,7 +227,8 @@ std::optional<RewritableText::Position> RewritableText::find(std::string_view te
         return std::nullopt;
     }
     if (text.size() > m_chunkSize) {
-        return findLong(text, from);
+        const auto beginning = find(text.substr(0, m_chunkSize), from);
+        return beginning ? findLong(text, *beginning) : std::nullopt;
     }
     std::array<const Shelf*, kShelfChunks.size()> entered = {};
     while (from.chunk != m_chunks.end() && !isExhausted()) {

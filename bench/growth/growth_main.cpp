@@ -32,9 +32,10 @@ namespace {
 using growth::Case;
 
 constexpr double kMegabyte = 1'000'000;
-constexpr double kRemarkable = 1.1;      // an exponent that is flagged
-constexpr double kShortestTime = 0.001;  // seconds; below, noise and not the input decides
-constexpr double kBatchTime = 0.12;      // seconds of a batch of runs: the clock may tick every few milliseconds only
+constexpr double kRemarkable = 1.1;        // an exponent that is flagged
+constexpr double kRemarkableTime = 0.025;  // seconds; below, caches decide, and nothing is flagged
+constexpr double kShortestTime = 0.001;    // seconds; below, noise decides, and there is no exponent
+constexpr double kBatchTime = 0.12;        // seconds of a batch of runs: the clock may tick every few milliseconds only
 constexpr std::chrono::seconds kLongestBatch{1};
 constexpr int kBatches = 3;
 constexpr double kLongTime = 1;  // seconds; a batch that took longer is not repeated
@@ -165,8 +166,9 @@ bool report(const Case& one, const Options& options) {
         return false;
     }
     const Figures& last = points.back().figures;
+    const bool isRemarkable = ended || (exponent && *exponent > kRemarkable && last.seconds > kRemarkableTime);
     std::printf(" %8.1f %8lld%s\n", static_cast<double>(last.peakBytes) / kMegabyte, static_cast<long long>(last.outcome),
-                ended || (exponent && *exponent > kRemarkable) ? "  <--" : "");
+                isRemarkable ? "  <--" : "");
     return !ended && (!exponent || *exponent <= options.most);
 }
 

@@ -12,8 +12,9 @@ constexpr std::size_t kGroupSize = 4;
 constexpr unsigned kSearchesBeforeFilter = 8;  // making a filter costs about as much as a few searches
 constexpr std::size_t kSampledGroups = 16;
 constexpr std::uint64_t kGrowthOfFilters = 8;
-constexpr std::size_t kPlacesForByte = 4;  // of chunks and shelves, at least
-constexpr std::size_t kFewestPlaces = 64;  // a word
+constexpr std::size_t kPlacesForByte = 4;    // of chunks and shelves, at least
+constexpr std::size_t kFewestPlaces = 64;    // a word
+constexpr std::size_t kBeginningSize = 256;  // of a text longer than a chunk, looked for first
 constexpr std::uint64_t kScansOfEachByte = 64;
 constexpr std::uint64_t kLeastScanBudget = 1'000'000'000;
 
@@ -227,7 +228,7 @@ std::optional<RewritableText::Position> RewritableText::find(std::string_view te
         return std::nullopt;
     }
     if (text.size() > m_chunkSize) {
-        const auto beginning = find(text.substr(0, m_chunkSize), from);
+        const auto beginning = find(text.substr(0, std::min(kBeginningSize, m_chunkSize)), from);
         return beginning ? findLong(text, *beginning) : std::nullopt;
     }
     std::array<const Shelf*, kShelfChunks.size()> entered = {};

@@ -266,6 +266,26 @@ Folder& Folder::addMessages(std::size_t count, std::function<MessageFields(std::
     return *this;
 }
 
+Folder& Folder::addSharingMessages(std::size_t count, const std::string& html) {
+    const NodeId first = m_store.takeMessageIds(count);
+    for (std::size_t number = 0; number < count; ++number) {
+        addBareRow(static_cast<std::uint32_t>(first + kIdStep * number));
+    }
+    const Layout layout = m_store.options().layout;
+    PropertyList list(layout);
+    list.property(0x0037, "Shared").property(0x1013, Bytes(html.begin(), html.end()));
+    m_store.beforeTrees([=, parent = m_id, bag = propertyContext(layout, list.properties())](StoreWriter& writer) {
+        const auto& [subnode, body] = *bag.subnodes.begin();
+        const BlockId shared = writer.addDataTree(body.data, "shared body");
+        const BlockId heap = writer.addDataTree(bag.data, "shared heap");
+        for (std::size_t number = 0; number < count; ++number) {
+            const BlockId subnodes = writer.addSubnodeTree({{subnode, shared, 0}}, "subnodes");
+            writer.addNode(static_cast<NodeId>(first + kIdStep * number), {heap, subnodes}, parent);
+        }
+    });
+    return *this;
+}
+
 Folder& Folder::addBareRow(std::uint32_t rowId) {
     m_bareRows.push_back(rowId);
     return *this;

@@ -99,6 +99,8 @@ public:
     Message& addMessage(const MessageFields& fields = {});
     /** Messages that are made only while the store is being written and go at once; @p make gets their number in the folder. */
     Folder& addMessages(std::size_t count, std::function<MessageFields(std::size_t)> make);
+    /** Messages with subnodes of their own, all of which name one HTML body. */
+    Folder& addSharingMessages(std::size_t count, const std::string& html);
     /** A row of the contents table without a message behind it. */
     Folder& addBareRow(std::uint32_t rowId);
     /** Leaves the contents table out. */

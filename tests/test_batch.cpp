@@ -374,6 +374,21 @@ TEST(BatchCosts, RowsThatNameOneMessage) {
     CheckAgainstLoad(small.finished());
 }
 
+// Each is another message, so none is known from before. The store ends where far more was read than it has bytes.
+TEST(BatchCosts, MessagesThatShareABody) {
+    constexpr std::size_t kMessages = 400;
+    TestStore store;
+    store.addFolder("A").addSharingMessages(kMessages, std::string(1 << 20, 'x'));
+    const std::string bytes = store.finished();
+    FilterHost host(bytes);
+    const std::uint64_t before = BytesReadSoFar();
+    const Visit visit = VisitAll(host);
+    EXPECT_LT(BytesReadSoFar() - before, 17 * bytes.size() + (std::uint64_t{64} << 20));
+    EXPECT_EQ(visit.visits.front().message.status, kOk);
+    EXPECT_EQ(visit.visits[40].subject, "Shared");
+    EXPECT_LT(visit.visits.back().message.status, kOk);
+}
+
 TEST(BatchCosts, RunsOfMessagesThatAreNotThere) {
     TestStore store;
     store.addFolder("A").addMessage(Named("a"));

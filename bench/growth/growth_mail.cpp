@@ -112,6 +112,17 @@ std::string longNames(std::size_t size) {
     return withHtml(html, parts);
 }
 
+/// References of VML, which stay, in a body without any quote.
+std::string vmlPictures(std::size_t size) {
+    std::string parts;
+    const std::string html = numbered(size / 3, [&](std::size_t number) {
+        const std::string id = "p" + std::to_string(number) + "@x";
+        parts += picturePart(id, "n.png", mime::Base64(std::string(60, 'Z')));
+        return "<v:imagedata src=cid:" + id + ">";
+    });
+    return withHtml(repeated("aaaa bbbb ", size / 3) + html, parts);
+}
+
 /// Many pictures, and a body full of what is nearly one of their names.
 std::string nearMatches(std::size_t size) {
     const std::string id(60, 'a');
@@ -246,6 +257,7 @@ void addMail(Cases& cases) {
     addRead(cases, "many pictures", [](std::size_t size) { return manyPictures(size, 1); });
     addRead(cases, "many pictures, many references", [](std::size_t size) { return manyPictures(size, 20); });
     addRead(cases, "long picture names", longNames);
+    addRead(cases, "pictures of VML", vmlPictures);
     addRead(cases, "nearly picture names", nearMatches);
     addRead(cases, "self-similar picture name", selfSimilar);
     addRead(cases, "pictures in each other", inEachOther);

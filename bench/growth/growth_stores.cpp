@@ -99,6 +99,31 @@ std::string rowsOfOneMessage(std::size_t size, const MessageFields& fields) {
     return textOf(store);
 }
 
+std::string sharingMessages(std::size_t size) {
+    StoreBuilder store(unicode());
+    store.addFolder("Inbox").addSharingMessages(size / 520, std::string(size / 2, 'x'));
+    return textOf(store);
+}
+
+/// Rows of an attachment table that all name one attachment, whose name is long.
+std::string rowsOfOneAttachment(std::size_t size) {
+    StoreBuilder store(unicode());
+    Folder& inbox = store.addFolder("Inbox");
+    constexpr builder::NodeId kMessage = 0x300004;
+    constexpr builder::NodeId kAttachmentTable = 0x671;
+    MessageFields fields;
+    fields.subject = "a";
+    fields.htmlBody = "<html><body><img src=\"cid:none\"></body></html>";
+    Message message(builder::Layout::Unicode, fields, kMessage);
+    const builder::NodeId attachment = message.attach({.longName = std::string(size / 4, 'q'), .data = Bytes(60, 0x5A)}).id();
+    builder::NodeContent content = message.content();
+    content.subnodes[kAttachmentTable] = builder::tableContext(
+        builder::Layout::Unicode, {}, std::vector<builder::TableRow>(size / 50, {static_cast<std::uint32_t>(attachment), {}}));
+    inbox.addBareRow(kMessage);
+    store.addNode(kMessage, content, inbox.id());
+    return textOf(store);
+}
+
 enum class Named { Yes, No };
 
 std::string attachments(std::size_t size, Named named) {
@@ -213,6 +238,8 @@ void addStores(Cases& cases) {
         return rowsOfOneMessage(size, fields);
     });
     add("rows of one message without a body", [](std::size_t size) { return rowsOfOneMessage(size, {.subject = "a"}); });
+    add("messages that share a body", sharingMessages);
+    add("rows of one attachment", rowsOfOneAttachment);
     add("a long text", [](std::size_t size) {
         MessageFields fields;
         fields.subject = "a";

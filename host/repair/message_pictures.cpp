@@ -158,7 +158,7 @@ bool MessagePictures::areNamedInText(std::string_view html) const {
         }
         sought += html.size();
         const std::string id = "cid:" + entry.picture.id;
-        const bool hasId = !entry.picture.id.empty() && html.find(id) != std::string_view::npos;
+        const bool hasId = !entry.picture.id.empty() && findText(html, id) != std::string_view::npos;
         const std::string_view needle = hasId ? std::string_view(id) : soughtName(entry.picture);
         return !needle.empty() && standsOutsideValues(html, needle);
     });

@@ -1,6 +1,7 @@
 #include "repair/picture_references.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "repair/ascii_case.h"
 
@@ -85,8 +86,14 @@ std::string_view PictureReferences::attributeBefore(std::size_t sign) const {
     return isAttribute ? html_.substr(begin, end - begin) : std::string_view();
 }
 
+std::size_t findText(std::string_view html, std::string_view text, std::size_t from) {
+    const std::string_view rest = html.substr(from);
+    const void* found = memmem(rest.data(), rest.size(), text.data(), text.size());
+    return found != nullptr ? static_cast<std::size_t>(static_cast<const char*>(found) - html.data()) : std::string_view::npos;
+}
+
 bool standsOutsideValues(std::string_view html, std::string_view text) {
-    for (std::size_t at = html.find(text); at != std::string_view::npos; at = html.find(text, at)) {
+    for (std::size_t at = findText(html, text); at != std::string_view::npos; at = findText(html, text, at)) {
         const std::size_t first = at - std::min(at, kLongestValue);
         const std::size_t mark = html.substr(first, at - first).find_last_of("\"<>");
         if (mark == std::string_view::npos || html[first + mark] != '"') {

@@ -36,6 +36,10 @@ private:
     bool isInTag_ = false;
 };
 
+/// The first place of a text, which is not empty, in time linear in the HTML, unlike that of std::string_view::find for a text
+/// that nearly repeats itself. @return npos when there is none
+std::size_t findText(std::string_view html, std::string_view text, std::size_t from = 0);
+
 /// True when a text stands in the HTML elsewhere than in values in double quotes: the filter, which puts a picture between the
 /// quotes around its name, would take what lies between two elements away.
 bool standsOutsideValues(std::string_view html, std::string_view text);

@@ -333,6 +333,7 @@ std::vector<byte> database_impl<T>::read_block_data(const block_info& info) cons
         throw unexpected_block("nonsensical block location; past eof");
     }
     std::vector<byte> data(size);
+    m_budget->take_reading(data.size(), m_file.length());
     m_file.read(info.address, data.data(), data.size());
     const auto trailer = byte_view(data).read<disk::block_trailer<T>>(size - sizeof(disk::block_trailer<T>));
     if (trailer.bid != info.id) {

@@ -15,7 +15,16 @@ inline constexpr ulong max_tree_levels = 32;
 /// takes no room in the file. Nobody writes many of them, and a few bytes can ask for gigabytes of them.
 inline constexpr ulonglong max_bytes_in_holes = 64 << 20;
 
-/// What the trees of an open store account for together: the bytes in holes, and what was taken on trial.
+/// How often the bytes of an open store may be read from its blocks, and how many may be in any case. Who reads all messages
+/// reads each byte a few times; a store whose messages or attachments share what they have could be read for ever.
+struct reading_limit {
+    ulonglong readings_of_a_byte;
+    ulonglong bytes_anyway;
+};
+inline constexpr reading_limit max_reading_for_good{16, 64 << 20};
+inline constexpr reading_limit max_tentative_reading{64, 320 << 20};
+
+/// What the trees of an open store account for together: the bytes read and in holes, and what was taken on trial.
 ///
 /// A walk over all messages reads more of some of them than a walk to a message behind them does, and must find there what that
 /// one finds. It reads in a trial: what is taken tentatively counts until the trial ends, and then as if it had not been taken.
@@ -51,9 +60,21 @@ public:
         (is_tentative() ? m_tentative_hole_bytes += bytes : m_hole_bytes_left -= bytes);
     }
 
+    /// @throws database_corrupt when far more was read than the store has bytes
+    void take_reading(ulonglong bytes, ulonglong length) {
+        const reading_limit& limit = is_tentative() ? max_tentative_reading : max_reading_for_good;
+        ulonglong& read = is_tentative() ? m_bytes_read_tentatively : m_bytes_read;
+        read += bytes;
+        if (read > limit.bytes_anyway && (read - limit.bytes_anyway) / limit.readings_of_a_byte > length) {
+            throw database_corrupt("the same bytes are read again and again");
+        }
+    }
+
 private:
     friend class tentative_reading;
 
+    ulonglong m_bytes_read = 0;
+    ulonglong m_bytes_read_tentatively = 0;
     ulong m_last_trial = 0;
     ulong m_trial = 0;
     taking m_mode = taking::for_good;

@@ -127,8 +127,8 @@ Status writeTemporaryFile(PstFilterData& owner, const char* path, const char* da
     return status;
 }
 
-// Rewrites the references to one attachment, from the first to the last. Each byte is looked at once for the quotes and angle
-// brackets in front of a reference, however many references there are.
+// Rewrites the references to one attachment, from the first to the last. Each byte is looked at no more than twice for the quotes
+// and angle brackets in front of a reference, however many references there are.
 class ReferenceRewriter {
 public:
     ReferenceRewriter(RewritableText& text, std::string_view needle, std::string_view replacement, std::uint64_t& budget)
@@ -138,10 +138,11 @@ public:
     Status run(RewritableText::Position firstMatch, std::uint64_t& replaced) {
         std::optional<RewritableText::Position> match = firstMatch;
         m_seenUpTo = m_text.begin();
+        m_angleSeenUpTo = m_text.begin();
         while (match) {
-            look(*match);
             RewritableText::Position next = m_text.advance(*match, m_needle.size());
             if (!isVmlImageData(*match)) {
+                look(*match);
                 const std::uint64_t cost = m_replacement.size() + kRewriteCost;
                 if (cost > m_budget || m_text.size() + m_replacement.size() > TbMemBlockLimit()) {
                     return ternkit::kNoMemory;
@@ -175,8 +176,9 @@ private:
 
     /// True when the nearest "<" at or before the match opens VML image data, whose reference stays.
     bool isVmlImageData(RewritableText::Position match) {
-        const Place atMatch = m_text.findLastByte('<', match, m_text.advance(match, 1));
-        const Place angle = either(atMatch, either(m_angleBehindQuote, m_angleBeforeQuote));
+        m_angle = either(m_text.findLastByte('<', m_angleSeenUpTo, match), m_angle);
+        m_angleSeenUpTo = match;
+        const Place angle = either(m_text.findLastByte('<', match, m_text.advance(match, 1)), m_angle);
         return angle && m_text.bytesAt(*angle, kVmlImageData.size()) == kVmlImageData;
     }
 
@@ -190,6 +192,8 @@ private:
         m_angleBehindQuote.reset();
         m_seenUpTo = fromBegin ? m_text.begin() : m_text.advance(*m_quote, 1);
         look(behind);
+        m_angle = either(m_angleBehindQuote, m_angleBeforeQuote);
+        m_angleSeenUpTo = behind;
         return behind;
     }
 
@@ -197,7 +201,9 @@ private:
     std::string_view m_needle;
     std::string_view m_replacement;
     std::uint64_t& m_budget;
-    RewritableText::Position m_seenUpTo;
+    RewritableText::Position m_angleSeenUpTo;
+    Place m_angle;                        // the last one in front of that
+    RewritableText::Position m_seenUpTo;  // for what only a replacement needs: the quote, the angle brackets on its two sides
     Place m_quote;
     Place m_angleBeforeQuote;
     Place m_angleBehindQuote;

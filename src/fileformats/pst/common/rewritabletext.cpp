@@ -71,6 +71,13 @@ void RewritableText::GroupSet::addAll(std::string_view text) {
     }
 }
 
+void RewritableText::Chunk::noteBytes() {
+    knowsBytes = true;
+    for (const char byte : text) {
+        bytes.set(static_cast<unsigned char>(byte));
+    }
+}
+
 RewritableText::RewritableText(std::string_view text, std::size_t chunkSize)
     : m_chunkSize(chunkSize), m_size(text.size()), m_scanBudget(kScansOfEachByte * text.size() + kLeastScanBudget) {
     for (; !text.empty(); text.remove_prefix(std::min(m_chunkSize, text.size()))) {
@@ -113,9 +120,7 @@ void RewritableText::noteSearch(Chunks::iterator chunk) {
     }
     chunk->groups = GroupSet(std::max(kFewestPlaces, std::bit_ceil(kPlacesForByte * m_chunkSize)));
     addGroups(chunk->groups, chunk);
-    for (const char byte : chunk->text) {
-        chunk->bytes.set(static_cast<unsigned char>(byte));
-    }
+    chunk->noteBytes();
 }
 
 /// Makes the filters of shelves and of the whole text.
@@ -126,6 +131,7 @@ void RewritableText::makeFilters() {
     m_groups = GroupSet(std::clamp(std::bit_ceil(8 * m_size), kFewest, kMost));
     for (auto chunk = m_chunks.begin(); chunk != m_chunks.end(); ++chunk) {
         addGroups(m_groups, chunk);
+        chunk->noteBytes();
     }
     for (std::size_t size = 0; size < kShelfChunks.size() && m_chunks.size() > kShelfChunks[size]; ++size) {
         makeShelves(size, m_chunks.begin(), m_chunks.end());
@@ -269,7 +275,7 @@ std::optional<RewritableText::Position> RewritableText::findLastByte(char byte, 
     while (true) {
         const std::size_t first = to.chunk == from.chunk ? from.offset : 0;
         if (to.chunk != m_chunks.end() && to.offset > first) {
-            if (to.chunk->groups.isEmpty() || to.chunk->bytes.test(static_cast<unsigned char>(byte))) {
+            if (!to.chunk->knowsBytes || to.chunk->bytes.test(static_cast<unsigned char>(byte))) {
                 const std::size_t found = std::string_view(to.chunk->text).substr(first, to.offset - first).rfind(byte);
                 if (found != std::string_view::npos) {
                     return Position{to.chunk, first + found};
@@ -317,7 +323,7 @@ void RewritableText::noteEdit(Position from, Position to) {
                 chunk->groups.add(hash);
             }
         }
-        if (!chunk->groups.isEmpty()) {
+        if (chunk->knowsBytes) {
             for (std::size_t at = first; at < end; ++at) {
                 chunk->bytes.set(static_cast<unsigned char>(chunk->text[at]));
             }

@@ -40,10 +40,14 @@ class RewritableText {
     static constexpr std::array<std::size_t, 3> kShelfChunks = {5, 25, 125};  // on a new shelf of each size
 
     struct Chunk {
+        /// Enters the bytes of its text.
+        void noteBytes();
+
         std::string text;  // not empty
         unsigned searches = 0;
-        GroupSet groups;                                                  // that begin in it; empty until it pays, and so is
-        std::bitset<256> bytes;                                           // in it, and perhaps some that are gone
+        GroupSet groups;         // that begin in it; empty until it pays
+        std::bitset<256> bytes;  // in it, and perhaps some that are gone
+        bool knowsBytes = false;
         std::array<std::shared_ptr<Shelf>, kShelfChunks.size()> shelves;  // one of each size; nothing until it pays
     };
 

@@ -147,6 +147,42 @@ TEST(HtmlGuard, BoundsNestingAndKeepsTheText) {
     EXPECT_LE(occurrences(costly.html.substr(0, last), "<table") - occurrences(costly.html.substr(0, last), "</table"), 1U);
 }
 
+TEST(HtmlGuard, BoundsNestingOfBoxesAsWideAsTheirContent) {
+    struct Case {
+        const char* rule;
+        const char* piece;
+    };
+    for (const Case& c : {
+             Case{"", "<div style='Float : LEFT'>x "},
+             Case{"", "<div style='--a:left;float:var(--a)'>x "},
+             Case{"", "<div style='display:inline-block'>x "},
+             Case{"", "<div style='float:right'>x <span style='display:inline-block'>y</span>"},
+             Case{"", "<span style='float:left!important'>x "},
+             Case{"", "<div style='float:left'>x <table align=left><tr><td>y "},
+             Case{"div{float:left}", "<div>x "},
+             Case{"p *{display:inline-block}", "<div>x "},
+             Case{"b, .a.B:first-child{float:left}", "<div class='b a'>x "},
+             Case{"p #a{float:left!important}", "<div id=A>x "},
+             Case{"div[class*=\"ol-\"]{float:left}", "<div class='b col-5'>x "},
+             Case{"[dir]{float:left}", "<div dir=ltr>x "},
+         }) {
+        SCOPED_TRACE(std::string(c.rule) + c.piece);
+        const std::string rule = "<style>" + std::string(c.rule) + "</style>";
+        const std::string deep = guardHtml(rule + repeated(c.piece, 40) + "THEEND").html;
+        EXPECT_GE(occurrences(deep, "float:none!important;"), 10U);
+        EXPECT_NE(deep.find("THEEND"), std::string::npos);
+        for (const std::string& ordinary : {repeated(c.piece, 5) + repeated("word ", 3000), repeated(c.piece, 7) + "x"}) {
+            EXPECT_EQ(guardHtml(rule + ordinary).html.find("float:none"), std::string::npos);
+        }
+    }
+    for (const Case& c : {Case{"div{float:none}", "<div>x "}, Case{"#a,.a,p,div[class=b],[class~='c']{float:left}", "<div>x "},
+                          Case{"", "<div style='float:none'>x "}}) {
+        EXPECT_EQ(guardHtml("<style>" + std::string(c.rule) + "</style>" + repeated(c.piece, 60)).html.find("float:none!"),
+                  std::string::npos)
+            << c.rule;
+    }
+}
+
 TEST(HtmlGuard, BoundsElementsAndText) {
     const SafeHtml elements = guardHtml(repeated("<p>x", 150000) + "the end");
     EXPECT_LE(occurrences(elements.html, "<p>"), 100001U);
@@ -222,6 +258,33 @@ TEST(HtmlGuard, BoundsWhatTheEngineWillHold) {
     for (const char* selector : {"b", ".other", "p b", "p.other"}) {
         EXPECT_NE(withRule(selector).html.find("#123456"), std::string::npos) << selector;
     }
+    // Each float is compared with all others, whoever makes it one.
+    const auto floating = [](std::size_t own, std::size_t ofRule) {
+        return guardHtml("<style>div{float:left;color:#123456}</style>" + repeated("<p style='float:left'>x</p>", own) +
+                         repeated("<div>x</div>", ofRule))
+            .html;
+    };
+    EXPECT_NE(floating(1000, 900).find("div{float:left;color:#123456;}"), std::string::npos);
+    for (const std::string& html : {floating(0, 3000), floating(1000, 1100)}) {
+        EXPECT_NE(html.find("div{color:#123456;}"), std::string::npos);
+    }
+    for (const char* own :
+         {"<p style='FLOAT:left;color:#123456'>x", "<p style='&#102;loat:left;color:#123456'>x",
+          "<img align=left style='color:#123456'>", "<table align=left style='color:#123456'><tr><td>x</table>"}) {
+        const std::string html = guardHtml(repeated(own, 3000)).html;
+        EXPECT_EQ(occurrences(html, "float:"), 2000U) << own;
+        EXPECT_EQ(occurrences(html, "#123456"), 3000U) << own;
+    }
+    EXPECT_EQ(guardHtml(repeated("<p style='float:display:table'>x", 3000)).html.find("\"display:table"), std::string::npos);
+    EXPECT_LE(occurrences(guardHtml("<b style='FLOAT:left'>" + repeated("<p>x", 3000)).html, "float:"), 2000U);
+    const auto longRule = [](const std::string& declaration) {
+        return guardHtml("<style>p{" + declaration + ";color:#123456}</style>" + repeated("<p>x", 3000)).html;
+    };
+    EXPECT_EQ(longRule("font-family:" + repeated("Abcdefgh,", 5000) + "serif").find("#123456"), std::string::npos);
+    EXPECT_NE(longRule("background:url(data:image/gif;base64," + repeated("AAAA", 12'000) + ")").find("#123456"),
+              std::string::npos);
+    EXPECT_EQ(longRule("--a:var(--b),var(--b)").find("--a"), std::string::npos);
+    EXPECT_NE(longRule("--a:var(--b),c").find("--a"), std::string::npos);
     const SafeHtml document =
         guardHtml(repeated("<p>A paragraph of ordinary length, which nobody would want to lose.</p>\r\n", 20'000));
     EXPECT_FALSE(document.shortened) << "more than a megabyte of ordinary text";

@@ -102,6 +102,12 @@ std::string_view HtmlBudget::payText(std::string_view text, std::size_t written,
     return fitting;
 }
 
+double HtmlBudget::pieces(std::string_view text) {
+    std::size_t count = 0;
+    firstPieces(text, static_cast<std::size_t>(-1), count);
+    return static_cast<double>(count);
+}
+
 bool HtmlBudget::paySpan(std::size_t cells) {
     const bool affordable = m_spanned + cells <= kMaxSpanned;
     m_spanned += affordable ? cells : 1;

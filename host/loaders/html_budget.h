@@ -3,6 +3,7 @@
 
 #include "html_css.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -14,7 +15,8 @@ public:
     static constexpr std::size_t kMaxDepth =
         80;  // each word looks for its font, and each line for floats, in all that it stands in
     static constexpr std::size_t kMaxTableDepth = 12;
-    static constexpr std::size_t kMaxInlines = 32;     // open at one place; each block inside repeats them
+    static constexpr std::size_t kMaxInlines = 32;  // open at one place; each block inside repeats them
+    static constexpr double kWordsPerElement = 10;
     static constexpr std::size_t kMaxBlankRun = 1000;  // where blanks are kept
 
     /// Pays for an element; false when there can be no more of them.
@@ -22,8 +24,12 @@ public:
     /// The start of a text that there is room for, paid for.
     /// @param written how much text there is already
     std::string_view payText(std::string_view text, std::size_t written, std::size_t tableDepth);
+    /// How many pieces the engine makes of a text.
+    static double pieces(std::string_view text);
     void payBlank() { ++m_pieces; }
     bool payFloat() { return ++m_floats <= kMaxFloats; }
+    /// How many more elements may float.
+    std::size_t floatsLeft() const { return kMaxFloats - std::min(m_floats, kMaxFloats); }
     bool payListItem() { return ++m_listItems <= kMaxListItems; }
     /// Pays for a cell that covers several of a table's grid; false when it must cover one.
     bool paySpan(std::size_t cells);
@@ -66,7 +72,6 @@ private:
     // The engine lays a cell out about twice, in spite of what the cell remembers.
     static constexpr double kLayoutsPerTable = 1.9;
     static constexpr double kMaxLayouts = 5e6;  // of words
-    static constexpr double kWordsPerElement = 10;
     static constexpr std::size_t kTableDepthWhenCostly = 1;
 
     void countNames(const std::string& name, std::string_view attributes);

@@ -19,7 +19,8 @@ constexpr double kComparisonBudget = 4e7;    // of all selectors, by what their 
 constexpr double kConditionCost = 8;         // of one on an attribute, in comparisons of names
 constexpr double kCountedSiblingCost = 0.1;  // for conditions on a place among siblings
 constexpr std::size_t kMaxCopies = 600'000;  // of declarations, one for each element that has them
-constexpr double kSheetBudget = 2e7;         // elements times selectors
+constexpr std::size_t kMaxCopiedBytes = std::size_t{64} << 20;
+constexpr double kSheetBudget = 2e7;  // elements times selectors
 
 /// The comparisons that one element may cost at worst: the choices of `parts` - 1 out of `depth` ancestors.
 double worstComparisons(std::size_t parts, std::size_t depth) {
@@ -88,6 +89,23 @@ std::vector<std::string> safeSelectors(std::string_view list) {
         if (!selector.empty() && selector.size() <= kMaxSelectorLength && plain && std::ranges::count(selector, '(') <= 1) {
             result.push_back(plainSelector(selector));
         }
+    }
+    return result;
+}
+
+bool isFloat(std::string_view declaration) {
+    const std::string text = lowered(declaration);
+    return text.starts_with("float:") && !text.starts_with("float:none");
+}
+
+/// Declarations without those that make elements float.
+std::string withoutFloats(std::string_view declarations) {
+    std::string result;
+    for (std::size_t at = 0; at < declarations.size();) {
+        const std::size_t end = std::min(findOutside(declarations, at, ";") + 1, declarations.size());
+        const std::string_view declaration = declarations.substr(at, end - at);
+        result += isFloat(declaration) ? std::string_view() : declaration;
+        at = end;
     }
     return result;
 }
@@ -236,28 +254,54 @@ void SafeStyleSheet::appendRules(std::string_view css, int nesting, PictureAddre
     }
 }
 
-std::string SafeStyleSheet::text(std::size_t elements, std::size_t depth, const ElementCounts& counts) const {
+std::string SafeStyleSheet::text(std::size_t elements, std::size_t depth, const ElementCounts& counts, std::size_t floats) const {
     std::string result;
     double spent = 0;
     double compared = 0;
     std::size_t copies = 0;
+    std::size_t bytes = 0;
     for (const Rule& rule : m_rules) {
         std::string selectors;
+        std::string ofTooMany;  // selectors of what cannot float
+        const std::string staying = withoutFloats(rule.declarations);
+        const bool floating = staying.size() < rule.declarations.size();
         const auto declarations = static_cast<std::size_t>(std::ranges::count(rule.declarations, ';')) + 1;
         for (const std::string& selector : rule.selectors) {
             const double cost = static_cast<double>(elements) * worstComparisons(countParts(selector), depth);
-            const std::size_t copied = declarations * std::min(elements, possibleMatches(selector, counts, elements));
+            const std::size_t matches = std::min(elements, possibleMatches(selector, counts, elements));
+            const std::size_t copied = declarations * matches;
+            const std::size_t copiedBytes = rule.declarations.size() * matches;
             const double further = comparisons(selector, counts, elements, depth);
             if (cost <= kSelectorBudget && spent + static_cast<double>(elements) <= kSheetBudget &&
-                compared + further <= kComparisonBudget && copies + copied <= kMaxCopies) {
+                compared + further <= kComparisonBudget && copies + copied <= kMaxCopies &&
+                bytes + copiedBytes <= kMaxCopiedBytes) {
                 copies += copied;
+                bytes += copiedBytes;
                 compared += further;
                 spent += static_cast<double>(elements);
-                selectors += (selectors.empty() ? "" : ",") + selector;
+                const bool grounded = floating && matches > floats;
+                floats -= floating && !grounded ? matches : 0;
+                std::string& list = grounded ? ofTooMany : selectors;
+                list += (list.empty() ? "" : ",") + selector;
             }
         }
         if (!selectors.empty()) {
             result += selectors + "{" + rule.declarations + "}\n";
+        }
+        if (!ofTooMany.empty()) {
+            result += ofTooMany + "{" + staying + "}\n";
+        }
+    }
+    return result;
+}
+
+BoxSelectors SafeStyleSheet::boxes() const {
+    BoxSelectors result;
+    for (const Rule& rule : m_rules) {
+        if (makeBox(lowered(rule.declarations))) {
+            for (const std::string& selector : rule.selectors) {
+                result.add(selector);
+            }
         }
     }
     return result;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "html_addresses.h"
+#include "html_boxes.h"
 #include "html_demands.h"
 
 #include <cstddef>
@@ -38,8 +39,11 @@ public:
      * @param elements the number of elements, each of which is compared with each selector
      * @param depth how deep elements are nested: a selector of n parts may be compared with each choice of n - 1 ancestors
      * @param counts of the elements to which rules may apply, each of which gets a copy of their declarations
+     * @param floats how many of them may float
      */
-    std::string text(std::size_t elements, std::size_t depth, const ElementCounts& counts) const;
+    std::string text(std::size_t elements, std::size_t depth, const ElementCounts& counts, std::size_t floats) const;
+    /// The elements that the rules may make boxes of which are as wide as their content.
+    BoxSelectors boxes() const;
     /// What the rules ask for that apply to any element.
     HtmlDemands demands(std::size_t elements, const ElementCounts& counts) const;
 

@@ -351,6 +351,10 @@ std::optional<Declaration> readDeclaration(std::string_view css) {
 bool mend(Declaration& declaration) {
     std::string& name = declaration.name;
     std::string& value = declaration.value;
+    if (name.starts_with("--")) {
+        const std::string text = lowered(value);
+        return text.find("var(") == text.rfind("var(");  // a variable of several others doubles them, at each step
+    }
     if (name == "display" || name == "position") {
         return !isForeignLayout(lowered(value));
     }

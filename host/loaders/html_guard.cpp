@@ -2,6 +2,7 @@
 
 #include "html_attributes.h"
 #include "html_body_writer.h"
+#include "html_boxes.h"
 #include "html_budget.h"
 #include "html_css.h"
 #include "html_direction.h"
@@ -20,6 +21,7 @@ namespace {
 constexpr std::size_t kNone = HtmlBodyWriter::kNone;
 constexpr std::size_t kMaxTitleBytes = 1000;
 constexpr int kMaxListNumber = 1'000'000;
+constexpr std::string_view kFloat = "float:";
 
 // The engine makes text of rules of documents only.
 constexpr std::string_view kQuotationMarks = "q:before{content:\"\xE2\x80\x9C\"}q:after{content:\"\xE2\x80\x9D\"}\n";
@@ -81,12 +83,14 @@ public:
 private:
     std::string attributesOf(const HtmlToken& token, const TableAttributes* table = nullptr) {
         lookAtStyle(token);
-        const bool floats = token.attribute("style").find("float") != std::string_view::npos ||
-                            (token.name == "table" && !token.attribute("align").empty());
-        if (floats && !m_budget.payFloat()) {
-            return {};
+        std::string attributes = safeAttributes(token, m_body.alignment(), table, m_result.pictures);
+        if (attributes.find(kFloat) != std::string::npos && !m_budget.payFloat()) {
+            // Another name takes no part of the value for a declaration.
+            for (std::size_t at = attributes.find(kFloat); at != std::string::npos; at = attributes.find(kFloat, at)) {
+                attributes.replace(at, kFloat.size(), "unfloated:");
+            }
         }
-        return safeAttributes(token, m_body.alignment(), table, m_result.pictures);
+        return attributes;
     }
 
     void lookAtStyle(const HtmlToken& token) {
@@ -200,12 +204,13 @@ private:
         if (token.name == "a") {
             m_body.endInline("a");  // links do not nest
         }
-        if (hasDisplayStyle(token)) {
+        const std::string attributes = attributesOf(token);
+        if (hasDisplayStyle(token) || attributes.find(kFloat) != std::string::npos) {
             m_body.suspendInlines();
             payElementLayout();
-            m_body.open(token, TagKind::Block, token.name, attributesOf(token) + linkOf(token));
+            m_body.open(token, TagKind::Block, token.name, attributes + linkOf(token));
         } else if (m_body.openInlines() < HtmlBudget::kMaxInlines) {
-            m_body.openInline({token.name, "<" + token.name + attributesOf(token) + linkOf(token) + ">"});
+            m_body.openInline({token.name, "<" + token.name + attributes + linkOf(token) + ">"});
         }
     }
 
@@ -466,14 +471,14 @@ private:
         }
         std::string& html = m_result.html;
         html = "<!DOCTYPE html><html><head>";
-        std::string styles = m_styles.text(m_budget.elements(), m_body.greatestDepth(), m_budget.counts());
+        std::string styles = m_styles.text(m_budget.elements(), m_body.greatestDepth(), m_budget.counts(), m_budget.floatsLeft());
         if (m_budget.counts().contains("q")) {
             styles.insert(0, kQuotationMarks);
         }
         if (!styles.empty()) {
             html += "<style>" + styles + "</style>";
         }
-        html += "</head><body" + m_bodyAttributes + ">" + m_body.text();
+        html += "</head><body" + m_bodyAttributes + ">" + withAffordableBoxes(m_body.text(), m_styles.boxes());
         if (m_budget.shortened()) {
             html += kShortenedNotice;
         }

@@ -139,15 +139,7 @@ std::string asBlock(std::string_view tag) {
 }  // namespace
 
 void BoxSelectors::add(std::string_view selector) {
-    std::size_t start = selector.size();
-    for (int brackets = 0; start > 0; --start) {
-        const char c = selector[start - 1];
-        brackets += c == ']' || c == ')' ? 1 : c == '[' || c == '(' ? -1 : 0;
-        if (brackets <= 0 && (isSpace(c) || c == '>' || c == '+' || c == '~')) {
-            break;
-        }
-    }
-    const std::string subject = lowered(selector.substr(start));
+    const std::string subject = lowered(lastPart(selector));
     const std::string_view plain = std::string_view(subject).substr(0, subject.find_first_of("[:("));
     const std::size_t mark = plain.find_last_of(".#");
     const std::string_view name = mark == std::string_view::npos ? plain : plain.substr(mark + 1);

@@ -115,15 +115,7 @@ std::size_t possibleMatches(std::string_view selector, const ElementCounts& coun
     if (selector.find_first_of("\"'") != std::string_view::npos) {
         return elements;
     }
-    std::size_t start = selector.size();
-    for (int brackets = 0; start > 0; --start) {
-        const char c = selector[start - 1];
-        brackets += c == ']' || c == ')' ? 1 : c == '[' || c == '(' ? -1 : 0;
-        if (brackets <= 0 && (isSpace(c) || c == '>' || c == '+' || c == '~')) {
-            break;
-        }
-    }
-    std::string_view subject = selector.substr(start);
+    std::string_view subject = lastPart(selector);
     subject = subject.substr(0, subject.find_first_of(":[("));
     if (const std::size_t dot = subject.find('.'); dot != std::string_view::npos) {
         subject.remove_prefix(dot);

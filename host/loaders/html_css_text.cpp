@@ -80,4 +80,16 @@ std::size_t behindBrackets(std::string_view css, std::size_t at) {
     return css.size();
 }
 
+std::string_view lastPart(std::string_view selector) {
+    std::size_t start = selector.size();
+    for (int brackets = 0; start > 0; --start) {
+        const char c = selector[start - 1];
+        brackets += c == ']' || c == ')' ? 1 : c == '[' || c == '(' ? -1 : 0;
+        if (brackets <= 0 && (isSpace(c) || c == '>' || c == '+' || c == '~')) {
+            break;
+        }
+    }
+    return selector.substr(start);
+}
+
 }  // namespace ternview::css

@@ -35,4 +35,7 @@ std::size_t findOutside(std::string_view css, std::size_t at, std::string_view w
 /// Behind the bracket that closes the one at `at`; the text's size when none does.
 std::size_t behindBrackets(std::string_view css, std::size_t at);
 
+/// What a selector says of the elements themselves that it is for, without those around and in front of them.
+std::string_view lastPart(std::string_view selector);
+
 }  // namespace ternview::css

@@ -97,7 +97,7 @@ bool isNoncharacter(char32_t character) {
 std::string drawableUtf8(std::string_view text) {
     constexpr char kFirstByte = '\xEF';  // of the lowest noncharacter
     const auto isHigh = [](char c) { return static_cast<unsigned char>(c) >= static_cast<unsigned char>(kFirstByte); };
-    if (std::none_of(text.begin(), text.end(), isHigh)) {
+    if (std::none_of(text.begin(), text.end(), isHigh) && isValidUtf8(text)) {
         return std::string(text);
     }
     std::string out;

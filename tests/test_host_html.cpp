@@ -183,6 +183,13 @@ TEST(HtmlGuard, BoundsNestingOfBoxesAsWideAsTheirContent) {
     }
 }
 
+TEST(HtmlGuard, NamesNoCharactersBeyondUnicode) {
+    const std::string html =
+        guardHtml("&#xFFFFdddd;a&#4294958557 b&<script></script>#x110000;c&#1114111;d&#x0000000041;e&#99999999999999999999f")
+            .html;
+    EXPECT_NE(html.find("&#xFFFD;a&#65533 b&#xFFFD;c&#1114111;d&#x0000000041;e&#65533f"), std::string::npos) << html;
+}
+
 TEST(HtmlGuard, BoundsElementsAndText) {
     const SafeHtml elements = guardHtml(repeated("<p>x", 150000) + "the end");
     EXPECT_LE(occurrences(elements.html, "<p>"), 100001U);

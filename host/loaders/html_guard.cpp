@@ -12,6 +12,8 @@
 #include "utf.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -27,6 +29,34 @@ constexpr std::string_view kFloat = "float:";
 constexpr std::string_view kQuotationMarks = "q:before{content:\"\xE2\x80\x9C\"}q:after{content:\"\xE2\x80\x9D\"}\n";
 constexpr std::string_view kShortenedNotice =
     "<hr><p><i>This message is too long to be shown whole. The rest is left out.</i></p>";
+
+/// HTML without character references beyond Unicode. The engine, whose numbers overflow, makes single bytes of UTF-8 of them.
+std::string withoutReferencesBeyondUnicode(std::string_view html) {
+    constexpr std::uint32_t kTooLarge = 0x110000;
+    std::string result;
+    std::size_t copied = 0;
+    for (std::size_t at = html.find("&#"); at != std::string_view::npos; at = html.find("&#", at)) {
+        at += 2;
+        const bool hexadecimal = at < html.size() && (html[at] == 'x' || html[at] == 'X');
+        const std::size_t begin = at + (hexadecimal ? 1 : 0);
+        std::uint32_t value = 0;
+        for (at = begin; at < html.size(); ++at) {
+            const char digit = html[at];
+            const bool isDecimal = digit >= '0' && digit <= '9';
+            if (!isDecimal && (!hexadecimal || std::isxdigit(static_cast<unsigned char>(digit)) == 0)) {
+                break;
+            }
+            const int worth = isDecimal ? digit - '0' : (digit | 0x20) - 'a' + 10;
+            value = std::min(value * (hexadecimal ? 16 : 10) + static_cast<std::uint32_t>(worth), kTooLarge);
+        }
+        if (value == kTooLarge) {
+            result.append(html, copied, begin - copied);
+            result += hexadecimal ? "FFFD" : "65533";
+            copied = at;
+        }
+    }
+    return result.append(html, copied);
+}
 
 bool isSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';
@@ -478,7 +508,8 @@ private:
         if (!styles.empty()) {
             html += "<style>" + styles + "</style>";
         }
-        html += "</head><body" + m_bodyAttributes + ">" + withAffordableBoxes(m_body.text(), m_styles.boxes());
+        html += "</head><body" + m_bodyAttributes + ">" +
+                withoutReferencesBeyondUnicode(withAffordableBoxes(m_body.text(), m_styles.boxes()));
         if (m_budget.shortened()) {
             html += kShortenedNotice;
         }

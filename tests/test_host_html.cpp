@@ -165,6 +165,11 @@ TEST(HtmlGuard, BoundsNestingOfBoxesAsWideAsTheirContent) {
              Case{"p #a{float:left!important}", "<div id=A>x "},
              Case{"div[class*=\"ol-\"]{float:left}", "<div class='b col-5'>x "},
              Case{"[dir]{float:left}", "<div dir=ltr>x "},
+             // As the engine reads values, whatever they look like.
+             Case{"", "<div style='color:red&#59flo&#97t:left'>x "},
+             Case{".a{float:left}", "<div class='&#97;'>x "},
+             Case{".a{float:left}", "<div id='x class=' class=a>x "},
+             Case{"[id]{float:left}", "<div class=a id='x style='>x "},
          }) {
         SCOPED_TRACE(std::string(c.rule) + c.piece);
         const std::string rule = "<style>" + std::string(c.rule) + "</style>";
@@ -282,6 +287,9 @@ TEST(HtmlGuard, BoundsWhatTheEngineWillHold) {
         EXPECT_EQ(occurrences(html, "float:"), 2000U) << own;
         EXPECT_EQ(occurrences(html, "#123456"), 3000U) << own;
     }
+    // A reference that another one makes is none.
+    EXPECT_NE(guardHtml("<p class='&amp;#97;' style='color:red&amp;#59float:left'>x").html.find("red&amp;#59float:left"),
+              std::string::npos);
     EXPECT_EQ(guardHtml(repeated("<p style='float:display:table'>x", 3000)).html.find("\"display:table"), std::string::npos);
     EXPECT_LE(occurrences(guardHtml("<b style='FLOAT:left'>" + repeated("<p>x", 3000)).html, "float:"), 2000U);
     const auto longRule = [](const std::string& declaration) {

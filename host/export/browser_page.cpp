@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "export/browser_css.h"
-#include "export/character_references.h"
+#include "character_references.h"
 #include "export/html_structure.h"
 #include "loaders/html_addresses.h"
 #include "loaders/html_attributes.h"

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "export/browser_page.h"
-#include "export/character_references.h"
+#include "character_references.h"
 #include "export/html_structure.h"
 #include "export/text_styles.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "export/character_references.h"
+#include "character_references.h"
 #include "export/css_rules.h"
 
 namespace ternview {

@@ -30,6 +30,8 @@ std::string escaped(std::string_view value) {
             result += "&quot;";
         } else if (c == '<') {
             result += "&lt;";
+        } else if (c == '&') {
+            result += "&amp;";
         } else if (static_cast<unsigned char>(c) >= 0x20 || c == '\n' || c == '\t') {
             result += c;
         }
@@ -241,10 +243,10 @@ Passing passing(std::string_view element, std::string_view attribute) {
 }
 
 std::string pictureAttribute(const HtmlToken& token, const HtmlAttribute& attribute, PictureAddresses& pictures) {
-    PictureAddress address{resolveReferences(attribute.value), {}, PictureAddress::Use::Background};
+    PictureAddress address{std::string(attribute.value), {}, PictureAddress::Use::Background};
     if (attribute.name == "src") {
         address.use = PictureAddress::Use::Element;
-        address.alternative = resolveReferences(beginningOfUtf8(token.attribute("alt"), kMaxValueLength));
+        address.alternative = beginningOfUtf8(token.attribute("alt"), kMaxValueLength);
     }
     return " " + attribute.name + "=\"" + pictures.add(std::move(address)) + "\"";
 }
@@ -330,12 +332,12 @@ std::string safeAttributes(const HtmlToken& token, ChildAlignment surrounding, c
             hasSource = true;
             if (background) {
                 hints += "background-image:url(" +
-                         pictures.add({resolveReferences(attribute.value), {}, PictureAddress::Use::Background}) + ");";
+                         pictures.add({std::string(attribute.value), {}, PictureAddress::Use::Background}) + ");";
                 continue;
             }
             result += pictureAttribute(token, attribute, pictures);
         } else if (attribute.name == "style") {
-            const std::string author = safeDeclarations(resolveReferences(attribute.value), pictures);
+            const std::string author = safeDeclarations(attribute.value, pictures);
             style += author.size() <= kMaxStyleLength ? author : std::string();
         } else if (attribute.name == "href" && token.name == "a") {
             result += " href=\"#\"";  // makes it a link for the style sheet; its address is of no use on paper
@@ -368,6 +370,24 @@ std::string safeAttributes(const HtmlToken& token, ChildAlignment surrounding, c
     }
     result += hints.empty() ? std::string() : " hints=\"" + escaped(hints) + "\"";
     return style.empty() ? result : result + " style=\"" + escaped(style) + "\"";
+}
+
+std::optional<std::string_view> writtenAttribute(std::string_view tag, std::string_view name) {
+    constexpr std::string_view kValueStart = "=\"";
+    // From one value to the next, as a value may read like another attribute.
+    for (std::size_t at = tag.find(' '); at < tag.size();) {
+        const std::size_t equals = tag.find(kValueStart, at);
+        if (equals == std::string_view::npos) {
+            break;
+        }
+        const std::size_t start = equals + kValueStart.size();
+        const std::size_t end = std::min(tag.find('"', start), tag.size());
+        if (tag.substr(at + 1, equals - at - 1) == name) {
+            return tag.substr(start, end - start);
+        }
+        at = end + 1;
+    }
+    return std::nullopt;
 }
 
 }  // namespace ternview

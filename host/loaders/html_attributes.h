@@ -46,4 +46,11 @@ bool hasDisplayStyle(const HtmlToken& token);
 std::string safeAttributes(const HtmlToken& token, ChildAlignment surrounding, const TableAttributes* table,
                            PictureAddresses& pictures);
 
+/**
+ * The value of an attribute in a start tag, or in its attributes alone, as they go on to the engine.
+ *
+ * @return a part of the tag, with references for quotes and the like; nothing when the attribute is not there
+ */
+std::optional<std::string_view> writtenAttribute(std::string_view tag, std::string_view name);
+
 }  // namespace ternview

@@ -56,16 +56,12 @@ std::vector<InlineTag> inheritedInQuirks(const std::vector<InlineTag>& inlines) 
             result.push_back(tag);
             continue;
         }
-        for (const std::string_view attribute : {" hints=\"", " style=\""}) {
-            const std::size_t start = tag.startTag.find(attribute);
-            if (start == std::string::npos) {
-                continue;
-            }
-            std::string_view rest = std::string_view(tag.startTag).substr(start + attribute.size());
-            rest = rest.substr(0, rest.find('"'));
+        for (const std::string_view attribute : {"hints", "style"}) {
+            std::string_view rest = writtenAttribute(tag.startTag, attribute).value_or(std::string_view());
             while (!rest.empty()) {
                 std::size_t end = std::min(rest.find(';'), rest.size());
-                while (end < rest.size() && rest.substr(0, end).ends_with("&quot")) {
+                const auto endsReference = [&](std::string_view name) { return rest.substr(0, end).ends_with(name); };
+                while (end < rest.size() && (endsReference("&quot") || endsReference("&amp") || endsReference("&lt"))) {
                     end = std::min(rest.find(';', end + 1), rest.size());
                 }
                 if (rest.starts_with("color:") || rest.starts_with("font-family:")) {

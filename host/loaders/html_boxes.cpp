@@ -1,5 +1,6 @@
 #include "html_boxes.h"
 
+#include "html_attributes.h"
 #include "html_budget.h"
 #include "html_css_text.h"
 
@@ -31,15 +32,6 @@ std::string_view nameOf(std::string_view tag) {
         ++end;
     }
     return tag.substr(1, end - 1);
-}
-
-std::string_view attributeOf(std::string_view tag, std::string_view start) {
-    const std::size_t at = tag.find(start);
-    if (at == std::string_view::npos) {
-        return {};
-    }
-    const std::string_view value = tag.substr(at + start.size());
-    return value.substr(0, value.find('"'));
 }
 
 /// Behind the tag that starts at `at`.
@@ -119,19 +111,17 @@ std::vector<Element> elementsOf(std::string_view body, const BoxSelectors& selec
 
 /// A start tag whose element is no such box, whatever style sheets say.
 std::string asBlock(std::string_view tag) {
-    constexpr std::string_view kStyle = " style=\"";
     const std::string_view name = nameOf(tag);
     const bool tablePart = name == "td" || name == "th" || name == "tr" || name == "caption" || name.ends_with("body") ||
                            name == "thead" || name == "tfoot";
     const bool lineBox = lowered(tag).find("display:inline-") != std::string::npos;
     const std::string style = std::string("float:none!important;") + (tablePart && !lineBox ? "" : "display:block!important;");
     std::string result(tag);
-    const std::size_t start = result.find(kStyle);
-    if (start == std::string::npos) {
-        result.insert(result.size() - 1, std::string(kStyle) + style + "\"");
+    if (const auto written = writtenAttribute(tag, "style")) {
+        const auto end = static_cast<std::size_t>(written->data() + written->size() - tag.data());
+        result.insert(end, (written->empty() || written->ends_with(';') ? "" : ";") + style);
     } else {
-        const std::size_t end = std::min(result.find('"', start + kStyle.size()), result.size() - 1);
-        result.insert(end, (result[end - 1] == ';' || end == start + kStyle.size() ? "" : ";") + style);
+        result.insert(result.size() - 1, " style=\"" + style + "\"");
     }
     return result;
 }
@@ -176,11 +166,11 @@ bool BoxSelectors::fit(std::string_view tag) const {
     }
     const std::string_view name = nameOf(tag);
     if (!m_names.empty()) {
-        const std::string_view id = attributeOf(tag, " id=\"");
-        if (m_names.contains(std::string(name)) || (!id.empty() && m_names.contains("#" + std::string(id)))) {
+        const auto id = writtenAttribute(tag, "id");
+        if (m_names.contains(std::string(name)) || (id && m_names.contains("#" + std::string(*id)))) {
             return true;
         }
-        const std::string_view classes = attributeOf(tag, " class=\"");
+        const std::string_view classes = writtenAttribute(tag, "class").value_or(std::string_view());
         for (std::size_t at = 0; at < classes.size();) {
             const std::size_t end = std::min(classes.find_first_of(" \t\r\n\f", at), classes.size());
             if (end > at && m_names.contains("." + std::string(classes.substr(at, end - at)))) {

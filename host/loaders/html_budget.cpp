@@ -1,5 +1,7 @@
 #include "html_budget.h"
 
+#include "html_attributes.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -52,27 +54,20 @@ std::string_view firstPieces(std::string_view text, std::size_t most, std::size_
 
 /// The names by which rules of style sheets find an element.
 void HtmlBudget::countNames(const std::string& name, std::string_view attributes) {
-    constexpr std::string_view kClass = " class=\"";
     const auto count = [this](std::string wanted) {
         if (m_counts.size() < kMaxElementCounts || m_counts.contains(wanted)) {
             ++m_counts[std::move(wanted)];
         }
     };
     count(name);
-    const std::size_t start = attributes.find(kClass);
-    if (start == std::string_view::npos) {
-        return;
-    }
+    const std::string_view classes = writtenAttribute(attributes, "class").value_or(std::string_view());
     std::string found = ".";
-    for (std::size_t i = start + kClass.size(); i < attributes.size(); ++i) {
-        const char c = attributes[i];
-        if (!isSpace(c) && c != '"') {
+    for (std::size_t i = 0; i <= classes.size(); ++i) {
+        const char c = i < classes.size() ? classes[i] : ' ';
+        if (!isSpace(c)) {
             found += c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
         } else if (found.size() > 1) {
             count(std::exchange(found, "."));
-        }
-        if (c == '"') {
-            break;
         }
     }
 }

@@ -3,7 +3,8 @@
 
 #include "html_css.h"
 #include "html_css_text.h"
-#include "html_scanner.h"
+
+#include "utf.h"
 
 #include <algorithm>
 #include <array>
@@ -191,7 +192,8 @@ private:
             unsigned code = 0;
             std::from_chars(piece.data() + at + 1, piece.data() + end, code, 16);
             if (code >= 0x80) {
-                m_out += resolveReferences("&#" + std::to_string(code) + ";");
+                const bool isCharacter = code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF) && !isNoncharacter(code);
+                appendUtf8(m_out, isCharacter ? code : 0xFFFD);
                 end += end < piece.size() && isSpace(piece[end]) ? 1 : 0;
             } else {
                 m_out += ' ';

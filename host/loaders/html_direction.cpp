@@ -1,5 +1,7 @@
 #include "html_direction.h"
 
+#include "character_references.h"
+
 #include <glib.h>
 
 #include <string>
@@ -31,7 +33,7 @@ bool hasRightToLeftLetter(std::string_view text) {
             }
         } else if (c == '&' && text.substr(at + 1, 1) == "#") {
             const std::string_view reference = text.substr(at, kLongestReference);
-            const std::string resolved = resolveReferences(reference.substr(0, reference.find(';') + 1));
+            const std::string resolved = withoutReferences(reference.substr(0, reference.find(';') + 1), ReferencePlace::kText);
             if (!resolved.starts_with('&') && hasRightToLeftLetter(resolved)) {
                 return true;
             }

@@ -9,11 +9,13 @@
 #include "html_scanner.h"
 #include "html_tags.h"
 
+#include "character_references.h"
 #include "utf.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
+#include <deque>
 #include <utility>
 #include <vector>
 
@@ -71,7 +73,7 @@ bool isStandardsDoctype(std::string_view doctype) {
 /// One line of text without markup.
 std::string plainTitle(std::string_view content) {
     std::string title;
-    for (const char c : resolveReferences(beginningOfUtf8(content, kMaxTitleBytes))) {
+    for (const char c : withoutReferences(beginningOfUtf8(content, kMaxTitleBytes), ReferencePlace::kText)) {
         if (!isSpace(c) && static_cast<unsigned char>(c) >= 0x20) {
             title += c;
         } else if (!title.empty() && !title.ends_with(' ')) {
@@ -94,6 +96,7 @@ public:
                     addText(token.text);
                     break;
                 case HtmlToken::Kind::StartTag:
+                    resolveAttributes(token);
                     startTag(token);
                     break;
                 case HtmlToken::Kind::EndTag:
@@ -111,6 +114,17 @@ public:
     }
 
 private:
+    /// What is checked must be what the engine reads, so values go without references from here on.
+    void resolveAttributes(HtmlToken& token) {
+        m_resolved.clear();
+        for (HtmlAttribute& attribute : token.attributes) {
+            if (attribute.value.find('&') != std::string_view::npos) {
+                attribute.value =
+                    m_resolved.emplace_back(drawableUtf8(withoutReferences(attribute.value, ReferencePlace::kAttribute)));
+            }
+        }
+    }
+
     std::string attributesOf(const HtmlToken& token, const TableAttributes* table = nullptr) {
         lookAtStyle(token);
         std::string attributes = safeAttributes(token, m_body.alignment(), table, m_result.pictures);
@@ -248,7 +262,7 @@ private:
         if (token.name != "a" || token.attribute("href").empty()) {
             return {};
         }
-        const auto number = m_result.links.add(resolveReferences(token.attribute("href")));
+        const auto number = m_result.links.add(std::string(token.attribute("href")));
         return (number ? " link=\"" + std::to_string(*number) + "\"" : std::string()) + m_linkHint;
     }
 
@@ -526,6 +540,7 @@ private:
     }
 
     HtmlScanner m_scanner;
+    std::deque<std::string> m_resolved;  // values of the start tag at hand
     SafeHtml m_result;
     SafeStyleSheet m_styles;
     HtmlBudget m_budget;

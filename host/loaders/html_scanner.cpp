@@ -1,7 +1,6 @@
 #include "html_scanner.h"
 
 #include <algorithm>
-#include <array>
 
 namespace ternview {
 namespace {
@@ -23,52 +22,6 @@ std::string loweredName(std::string_view name) {
     std::string result(name.substr(0, kMaxNameLength));
     std::ranges::transform(result, result.begin(), lower);
     return result;
-}
-
-void appendUtf8(std::string& out, unsigned code) {
-    if (code == 0 || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
-        code = 0xFFFD;
-    }
-    if (code < 0x80) {
-        out += static_cast<char>(code);
-    } else if (code < 0x800) {
-        out += static_cast<char>(0xC0 | (code >> 6));
-        out += static_cast<char>(0x80 | (code & 0x3F));
-    } else if (code < 0x10000) {
-        out += static_cast<char>(0xE0 | (code >> 12));
-        out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (code & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (code >> 18));
-        out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (code & 0x3F));
-    }
-}
-
-bool appendReference(std::string& out, std::string_view name) {
-    struct Named {
-        std::string_view name;
-        char value;
-    };
-    static constexpr std::array<Named, 5> kNamed{{{"amp", '&'}, {"lt", '<'}, {"gt", '>'}, {"quot", '"'}, {"apos", '\''}}};
-    if (name.size() > 1 && name[0] == '#') {
-        const bool hex = name[1] == 'x' || name[1] == 'X';
-        const std::string digits(name.substr(hex ? 2 : 1));
-        char* end = nullptr;
-        const unsigned long code = std::strtoul(digits.c_str(), &end, hex ? 16 : 10);
-        if (digits.empty() || *end != '\0') {
-            return false;
-        }
-        appendUtf8(out, code > 0x10FFFF ? 0xFFFD : static_cast<unsigned>(code));
-        return true;
-    }
-    const auto found = std::ranges::find(kNamed, name, &Named::name);
-    if (found == kNamed.end()) {
-        return false;
-    }
-    out += found->value;
-    return true;
 }
 
 }  // namespace
@@ -212,29 +165,6 @@ std::string_view HtmlScanner::skipElement(const std::string& name) {
     }
     m_withoutEnd.insert(name);
     return {};
-}
-
-std::string resolveReferences(std::string_view text) {
-    constexpr std::size_t kLongestReference = 10;
-    std::string result;
-    result.reserve(text.size());
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t ampersand = std::min(text.find('&', at), text.size());
-        result += text.substr(at, ampersand - at);
-        at = ampersand;
-        if (at == text.size()) {
-            break;
-        }
-        const std::string_view window = text.substr(at + 1, kLongestReference);
-        const std::size_t end = window.find(';');
-        if (end != std::string_view::npos && appendReference(result, window.substr(0, end))) {
-            at += end + 2;
-        } else {
-            result += '&';
-            ++at;
-        }
-    }
-    return result;
 }
 
 }  // namespace ternview

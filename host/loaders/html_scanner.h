@@ -50,7 +50,4 @@ private:
         m_withoutEnd;  // elements that have no end tag from here on: a search again would be quadratic
 };
 
-/// The text with its character references for the five markup characters and numbers resolved (as needed in addresses).
-std::string resolveReferences(std::string_view text);
-
 }  // namespace ternview

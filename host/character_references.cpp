@@ -1,4 +1,4 @@
-#include "export/character_references.h"
+#include "character_references.h"
 
 #include <libxml/HTMLparser.h>
 

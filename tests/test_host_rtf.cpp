@@ -261,6 +261,7 @@ TEST_F(RtfLoader, NothingIsFetched) {
         {"instruction in escapes", field("\\'49NCLUDEPICTUR\\u69? \"" + local + "\" \\\\d")},
         {"instruction in a harmless one", field("HYPERLINK " + field("INCLUDEPICTURE \"" + local + "\" \\\\d"))},
         {"instruction in binary data", "{\\*\\unknown\\bin3 {\\*}" + field("INCLUDEPICTURE \"" + local + "\" \\\\d")},
+        {"instruction behind a comment", field("{\\comment HYPERLINK }INCLUDEPICTURE \"" + local + "\" \\\\d")},
         {"remote picture", field("INCLUDEPICTURE \"" + listener.address() + "\" \\\\d")},
         {"import", field("IMPORT \"" + local + "\"")},
         {"link", field("LINK Word.Document.8 \"" + secret + ".rtf\" \"\" \\\\a \\\\r")},
@@ -304,7 +305,8 @@ TEST_F(RtfLoader, GuardKeepsHarmlessFields) {
         EXPECT_TRUE(keeps(instruction)) << instruction;
     }
     for (const char* instruction :
-         {" HYPERLINKS x", " DDEAUTO x", "{HYPER}LINK x", " \\u72?YPERLINK x", "", " INCLUDEPICTURE HYPERLINK x"}) {
+         {" HYPERLINKS x", " DDEAUTO x", "{HYPER}LINK x", " \\u72?YPERLINK x", "", " INCLUDEPICTURE HYPERLINK x",
+          "{\\comment HYPERLINK }INCLUDETEXT x", "{\\stylesheet PAGE }INCLUDETEXT x", "{\\info{\\title PAGE }}IMPORT x"}) {
         EXPECT_FALSE(keeps(instruction)) << instruction;
     }
 }

@@ -18,6 +18,15 @@ constexpr std::array<std::string_view, 14> kDroppedGroups{
 // Instructions that name nothing outside the document, or, as HYPERLINK, nothing that is looked at.
 constexpr std::array<std::string_view, 4> kHarmlessFields{"HYPERLINK", "SYMBOL", "PAGE", "NUMPAGES"};
 
+// Formatting of characters. Other words may begin something that the suite does not take for a part of the instruction.
+constexpr std::array<std::string_view, 46> kCharacterFormatting{
+    "ab",       "acf",    "af",       "afs",     "ai",        "alang",      "alangfe", "b",       "caps",  "cb",
+    "cf",       "cgrid",  "charrsid", "chcbpat", "cs",        "dbch",       "delrsid", "dn",      "expnd", "expndtw",
+    "f",        "fcs",    "fs",       "hich",    "highlight", "i",          "insrsid", "kerning", "lang",  "langfe",
+    "langfenp", "langnp", "loch",     "ltrch",   "noproof",   "nosupersub", "plain",   "rtlch",   "scaps", "strike",
+    "sub",      "super",  "ul",       "ulnone",  "up",        "webhidden",
+};
+
 // East Asian code pages, in which a byte from 0x80 up may be the first half of a character.
 constexpr std::array<std::int64_t, 5> kDoubleBytePages{932, 936, 949, 950, 1361};
 
@@ -178,10 +187,7 @@ private:
         std::string_view ahead = rest_;
         while (!ahead.empty()) {
             const Token token = readToken(ahead);
-            const bool isFormatting = !token.name.empty() && token.name != "u" && token.name != "bin" &&
-                                      !token.name.starts_with("f") && !token.name.starts_with("up");
-            const bool isFont = token.name == "f" || token.name == "fs" || token.name == "fcs";
-            if (isFormatting || isFont || token.raw == "{") {
+            if (isOneOf(token.name, kCharacterFormatting) || token.raw == "{") {
                 ahead.remove_prefix(token.raw.size());
                 continue;
             }

@@ -8,6 +8,7 @@
 #include <exception>
 #include <memory>
 #include <numeric>
+#include <string>
 #include <vector>
 
 #include "loaders.h"
@@ -47,20 +48,31 @@ void check(cairo_status_t status) {
     }
 }
 
-/// Where cairo's C callbacks write to; an exception waits here until cairo has returned.
+/// Where cairo's C callbacks write to; an exception waits here until cairo has returned. Of links and fonts cairo writes a few
+/// bytes at a time, which are gathered: each frame costs this process and the program several calls of the system.
 struct Stream {
     FrameWriter& out;
+    std::string gathered{};
     std::exception_ptr failure = nullptr;
 
     static cairo_status_t write(void* closure, const unsigned char* bytes, unsigned int size) {
+        constexpr std::size_t kEnough = std::size_t{1} << 16;
         auto* stream = static_cast<Stream*>(closure);
         try {
-            stream->out.data({reinterpret_cast<const char*>(bytes), size});
+            stream->gathered.append(reinterpret_cast<const char*>(bytes), size);
+            if (stream->gathered.size() >= kEnough) {
+                stream->send();
+            }
             return CAIRO_STATUS_SUCCESS;
         } catch (...) {
             stream->failure = std::current_exception();
             return CAIRO_STATUS_WRITE_ERROR;
         }
+    }
+
+    void send() {
+        out.data(gathered);
+        gathered.clear();
     }
 
     void check(cairo_status_t status) const {
@@ -98,6 +110,7 @@ void sendPng(const Surface& surface, FrameKind kind, const std::string& label, F
     out.begin(kind, label);
     Stream stream{out};
     stream.check(cairo_surface_write_to_png_stream(surface.get(), Stream::write, &stream));
+    stream.send();
     out.end();
 }
 
@@ -153,6 +166,7 @@ void writePdf(LaidOutDocument& document, const Job& job, FrameWriter& out) {
     }
     cairo_surface_finish(surface.get());
     stream.check(cairo_surface_status(surface.get()));
+    stream.send();
     out.end();
 }
 

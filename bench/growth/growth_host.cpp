@@ -5,6 +5,7 @@
 
 #include "descriptor.h"
 #include "export/conversions.h"
+#include "export/journal_lines.h"
 #include "growth.h"
 #include "loaders/html_demands.h"
 #include "loaders/html_guard.h"
@@ -128,6 +129,12 @@ void addMending(Cases& cases) {
     mbox("quoted separators", ">>>From a\n");
     mbox("line ends", "\r\n\r\n");
     mbox("one long line", "From ");
+    cases.push_back(
+        {"journal/members of a line", "",
+         [](std::size_t size) {
+             return "{" + numbered(size, [](std::size_t number) { return "\"" + std::to_string(number) + "\":0,"; }) + "\"\":0}";
+         },
+         reads([](const Bytes& bytes) { return static_cast<std::int64_t>(ternview::parseLine(bytes).has_value()); })});
 }
 
 }  // namespace

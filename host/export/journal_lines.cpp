@@ -11,6 +11,8 @@
 namespace ternview {
 namespace {
 
+// For reading: an ordered object looks for each member of a line among all those in front of it.
+using nlohmann::json;
 using nlohmann::ordered_json;
 
 constexpr std::uint32_t kMostMessages = std::numeric_limits<std::int32_t>::max();
@@ -76,35 +78,35 @@ std::string shortened(const std::string& text, std::size_t most) {
     return text.substr(0, text.size() - rest.size());
 }
 
-std::uint64_t readNumber(const ordered_json& object, const char* key, std::uint64_t least, std::uint64_t most) {
-    const ordered_json& value = object.at(key);
+std::uint64_t readNumber(const json& object, const char* key, std::uint64_t least, std::uint64_t most) {
+    const json& value = object.at(key);
     require(value.is_number_unsigned());
     const auto number = value.get<std::uint64_t>();
     require(number >= least && number <= most);
     return number;
 }
 
-std::uint32_t readNumber32(const ordered_json& object, const char* key, std::uint32_t least, std::uint32_t most) {
+std::uint32_t readNumber32(const json& object, const char* key, std::uint32_t least, std::uint32_t most) {
     return static_cast<std::uint32_t>(readNumber(object, key, least, most));
 }
 
-std::size_t readFile(const ordered_json& object, const char* key) {
+std::size_t readFile(const json& object, const char* key) {
     return readNumber(object, key, 0, kMostFiles);
 }
 
-std::string readText(const ordered_json& object, const char* key) {
+std::string readText(const json& object, const char* key) {
     const auto found = object.find(key);
     return found == object.end() ? std::string() : found->get<std::string>();
 }
 
-std::string readName(const ordered_json& object, const char* key) {
+std::string readName(const json& object, const char* key) {
     std::string name = readText(object, key);
     require(name.empty() || isSafeName(name));
     return name;
 }
 
 template <typename Choice, std::size_t Count>
-Choice readChoice(const ordered_json& object, const char* key, const std::array<Choice, Count>& choices,
+Choice readChoice(const json& object, const char* key, const std::array<Choice, Count>& choices,
                   std::string_view (*name)(Choice)) {
     const std::string text = readText(object, key);
     const auto found = std::find_if(choices.begin(), choices.end(), [&](Choice choice) { return name(choice) == text; });
@@ -126,7 +128,7 @@ ordered_json pack(const HeaderLine& line) {
     };
 }
 
-HeaderLine readHeader(const ordered_json& object) {
+HeaderLine readHeader(const json& object) {
     require(readNumber(object, "ternview-export", 1, 1) == 1);
     HeaderLine line;
     line.options.format = readChoice(object, "format", kFormats, formatName);
@@ -155,7 +157,7 @@ ordered_json pack(const FileLine& line) {
     return object;
 }
 
-FileLine readFileLine(const ordered_json& object) {
+FileLine readFileLine(const json& object) {
     FileLine line;
     line.file = readFile(object, "file");
     line.identity.path = unpackPath(readText(object, "path"));
@@ -200,7 +202,7 @@ ordered_json pack(const MessageLine& line) {
     return object;
 }
 
-MessageLine readMessage(const ordered_json& object) {
+MessageLine readMessage(const json& object) {
     MessageLine line;
     line.file = readFile(object, "of");
     MessageRecord& record = line.record;
@@ -233,7 +235,7 @@ ordered_json pack(const ClosedLine& line) {
     return object;
 }
 
-JournalLine readLine(const ordered_json& object) {
+JournalLine readLine(const json& object) {
     require(object.is_object());
     if (object.contains("message")) {
         return readMessage(object);
@@ -260,7 +262,7 @@ std::string formatLine(const JournalLine& line) {
 
 std::optional<JournalLine> parseLine(std::string_view text) {
     try {
-        return readLine(ordered_json::parse(text));
+        return readLine(json::parse(text));
     } catch (const nlohmann::json::exception&) {
         return std::nullopt;
     } catch (const BadLine&) {

@@ -12,6 +12,7 @@
 #include "loaders/html_charset.h"
 #include "loaders/html_fonts.h"
 #include "loaders/html_guard.h"
+#include "loaders/html_pages.h"
 #include "loaders/laid_out_document.h"
 #include "test_host_html.h"
 
@@ -129,6 +130,17 @@ TEST(HtmlGuard, KeepsNothingActive) {
         EXPECT_EQ(html.find(unwanted), std::string::npos) << unwanted << " in " << html;
     }
     EXPECT_NE(html.find("kept"), std::string::npos);
+    // Where the engine ends comments, rules, strings and tags.
+    for (const char* style :
+         {"i{content:'}p{color:#123456}'}", "i{content:\"/* } p{c:d}\"}", "i{content:\"/\\*\"}", "p, //**/*{c:d}"}) {
+        const std::string guarded = guardHtml("<style>" + std::string(style) + "</style>").html;
+        EXPECT_EQ(occurrences(guarded, "}"), 1U) << guarded;
+        EXPECT_EQ(guarded.find("/*"), std::string::npos) << guarded;
+    }
+    EXPECT_NE(guardHtml("<p style=\"a:'b\nc:'; FLOAT : left\">").html.find("a:'b 'c:'; FLOAT : left';"), std::string::npos);
+    EXPECT_NE(
+        guardHtml("a<br clear=all style='x:>'><p class='>'>b").html.find("<div style=\"clear:both;x:>;\"></div><p class=\">\">b"),
+        std::string::npos);
     EXPECT_NE(html.find(">link</a>"), std::string::npos);
 }
 
@@ -267,6 +279,25 @@ TEST(HtmlGuard, BoundsWhatTheEngineWillHold) {
     for (const char* selector : {"p", ".X", "div p", "*", "i", "p.y:first-child", "b ~ p[class]", "p:not(.a b)"}) {
         EXPECT_EQ(withRule(selector).html.find("#123456"), std::string::npos) << selector;
     }
+    // Whatever is put in front of elements or behind them stands in elements of its own.
+    for (const char* selector : {"p:before", "*::AFTER", ".x:after", "tbody:before"}) {
+        const auto withContent = [&](const std::string& content, std::size_t count) {
+            return guardHtml("<style>" + std::string(selector) + "{content:'" + content + "'}</style>" +
+                             repeated("<p class='x y'>z<table><tr><td>z</table>", count));
+        };
+        EXPECT_EQ(withContent(repeated("a ", 100), 3000).html.find("content"), std::string::npos) << selector;
+        EXPECT_NE(withContent("a", 2000).html.find("content"), std::string::npos) << selector;
+    }
+    // Selectors that compare each element with all its siblings, or all its classes with many.
+    for (const char* selector : {"p:NTH-child(2)", "p + p", "p.x.y.x.y.x.y.x.y.x.y"}) {
+        const auto many = [&](std::size_t count) {
+            return guardHtml("<style>" + repeated(std::string(selector) + "{color:#123456}", 200) + "</style>" +
+                             repeated("<p class='x y'>z", count));
+        };
+        EXPECT_LT(occurrences(many(20'000).html, "#123456"), 40U) << selector;
+        EXPECT_EQ(occurrences(many(500).html, "#123456"), 200U) << selector;
+    }
+    EXPECT_LT(guardHtml("<p class='" + repeated("c ", 1000) + "'>").html.size(), 200U);
     for (const char* selector : {"b", ".other", "p b", "p.other"}) {
         EXPECT_NE(withRule(selector).html.find("#123456"), std::string::npos) << selector;
     }
@@ -298,8 +329,19 @@ TEST(HtmlGuard, BoundsWhatTheEngineWillHold) {
     EXPECT_EQ(longRule("font-family:" + repeated("Abcdefgh,", 5000) + "serif").find("#123456"), std::string::npos);
     EXPECT_NE(longRule("background:url(data:image/gif;base64," + repeated("AAAA", 12'000) + ")").find("#123456"),
               std::string::npos);
-    EXPECT_EQ(longRule("--a:var(--b),var(--b)").find("--a"), std::string::npos);
-    EXPECT_NE(longRule("--a:var(--b),c").find("--a"), std::string::npos);
+    // A variable of variables may never be resolved, and one of much text multiplies it.
+    for (const std::string& declaration : {"--a:var(--a)"s, "--a: VAR( --b ),c"s, "--a:ar(--b)"s, "--a:" + repeated("b ", 200),
+                                           "--a:b;width:" + repeated("var(--a) ", 5)}) {
+        const std::string html = longRule(declaration);
+        EXPECT_EQ(std::min(html.find("--a:" + declaration.substr(4)), html.find("var(")), std::string::npos) << declaration;
+    }
+    EXPECT_NE(longRule("--a:b;border:var(--a) solid var(--a)").find("--a:b;border:var(--a) solid var(--a);"), std::string::npos);
+    EXPECT_EQ(longRule("content:attr(class);z-index:123456789;position:var(--a)").find("attr("), std::string::npos);
+    std::set<std::string> levels;
+    for (int level = -3000; level < 3000; ++level) {
+        levels.insert(guardHtml("<p style='z-index:" + std::to_string(level) + "'>").html);
+    }
+    EXPECT_LT(levels.size(), 50U);
     const SafeHtml document =
         guardHtml(repeated("<p>A paragraph of ordinary length, which nobody would want to lose.</p>\r\n", 20'000));
     EXPECT_FALSE(document.shortened) << "more than a megabyte of ordinary text";
@@ -551,6 +593,17 @@ TEST(HtmlPages, CellsTallerThanAPageBreakBetweenTheirLines) {
 TEST(HtmlPages, AreBounded) {
     const auto document = layOutHtml(repeated("<div style='height:20000px;background:#ffeeee'></div>", 500), {}, {});
     EXPECT_EQ(document->pageCount(), 2000);
+    // Of thousands of backgrounds upon each other those below are not worth painting.
+    const auto lowestLayer = [](std::size_t count) {
+        ternview::DisplayItems items;
+        for (std::size_t i = 0; i < count; ++i) {
+            items.push_back({.box = {0, 0, 700, 1000}, .clip = {0, 0, 700, 1000}, .content = ternview::FillItem{}});
+        }
+        return ternview::planPages(items, 1000, 10).pages.at(0).firstLayer;
+    };
+    EXPECT_EQ(lowestLayer(100), 0U);
+    EXPECT_GT(lowestLayer(20'000), 10'000U);
+    EXPECT_LT(lowestLayer(20'000), 19'900U);
 }
 
 TEST(HtmlLayout, WideTablesAreScaledToThePaper) {

@@ -179,6 +179,7 @@ std::vector<Markup> makeHtml() {
         open("body near-matches", "<body><bod<head><hea"),
         open("character references", "&amp;&#65;&#x41;&nbsp;&lt;"),
         open("broken references", "&&#&#x&amp"),
+        open("references in attributes", "<p class=\"&#97;&amp;&#x41\" style=\"color&#58;red&#59\">x"),
         open("reference marks", "cid:"),
         open("floats", "<div style=\"float:left;width:3px\">x</div>"),
         open("list items", "<li>x"),
@@ -225,6 +226,17 @@ std::vector<Markup> makeHtml() {
                                                     "<rect width=\"29999\" height=\"29999\" filter=\"url(#f)\"/></svg>"),
                                               size);
          }},
+        {"levels",
+         [](std::size_t size) {
+             return "<html><body>" + numbered(size, [](std::size_t n) {
+                        return "<p style=\"position:relative;z-index:" + std::to_string(n) + "\">x</p>";
+                    });
+         }},
+        {"cells in styled text",
+         [](std::size_t size) {
+             return repeated("<span style=\"" + repeated("color:red;", 30'000) + "\">", size / 2) + "<table>" +
+                    repeated("<tr><td>", size / 2);
+         }},
         {"one long word", [](std::size_t size) { return repeated("a", size); }},
         {"one long name", [](std::size_t size) { return "<" + repeated("a", size) + ">x"; }},
         {"one long attribute", [](std::size_t size) { return "<p title=\"" + repeated("a ", size) + "\">x"; }},
@@ -259,6 +271,14 @@ std::vector<Markup> makeHtml() {
         styled("attribute selectors", always("[title*=a]{color:red}"), "<p title=bbbbbbbb>x</p>"),
         styled("floats of rules", always("div{float:left;width:3px}"), "<div>x</div>"),
         styled("child selectors", always("p:nth-child(2n+1){color:red}"), "<p>x</p>"),
+        styled("child selectors in capitals", always("p:NTH-LAST-CHILD(2n+1){color:red}"), "<p>x</p>"),
+        styled("selectors of neighbours", always("p + p + p{color:red}"), "<p>x</p>"),
+        styled("selectors of many classes", always(repeated(".a", 200) + ".b{color:red}"),
+               "<p class=\"" + repeated("c ", 4000) + "a\">x</p>"),
+        styled("gradients of rules", always("p{background:linear-gradient(red,blue" + repeated(",red", 200) + ")}"), "<p>x</p>"),
+        styled("backgrounds upon each other",
+               always("p{position:absolute;top:0;left:0;width:700px;height:900px;background:linear-gradient(red,blue)}"),
+               "<p>x</p>"),
         styled("nested at-rules", always("@media screen{"), "<p>x</p>"),
         styled("open brackets", always("a[({"), "<p>x</p>"),
         styled("imports", always("@import url(a);"), "<p>x</p>"),

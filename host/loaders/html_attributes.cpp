@@ -242,6 +242,18 @@ Passing passing(std::string_view element, std::string_view attribute) {
     return Passing::Dropped;
 }
 
+/// The engine compares each class of an element with each class of a selector.
+std::string_view firstClasses(std::string_view classes) {
+    constexpr std::size_t kMost = 24;
+    constexpr std::string_view kBlanks = " \t\r\n\f";
+    std::size_t end = 0;
+    for (std::size_t count = 0; count < kMost && end < classes.size(); ++count) {
+        const std::size_t start = std::min(classes.find_first_not_of(kBlanks, end), classes.size());
+        end = std::min(classes.find_first_of(kBlanks, start), classes.size());
+    }
+    return classes.substr(0, end);
+}
+
 std::string pictureAttribute(const HtmlToken& token, const HtmlAttribute& attribute, PictureAddresses& pictures) {
     PictureAddress address{std::string(attribute.value), {}, PictureAddress::Use::Background};
     if (attribute.name == "src") {
@@ -347,7 +359,8 @@ std::string safeAttributes(const HtmlToken& token, ChildAlignment surrounding, c
         } else if (attribute.name == "colspan" || attribute.name == "rowspan") {
             continue;  // with the limits of the table's grid, by the caller
         } else if (const Passing how = passing(token.name, attribute.name); how == Passing::Text) {
-            const std::string_view value = beginningOfUtf8(attribute.value, kMaxValueLength);
+            std::string_view value = beginningOfUtf8(attribute.value, kMaxValueLength);
+            value = attribute.name == "class" ? firstClasses(value) : value;
             const bool name = attribute.name == "id" || attribute.name == "class";
             result += " " + attribute.name + "=\"" + (name ? escaped(value) : escaped(lowered(value))) + "\"";
         } else if (how == Passing::Length) {

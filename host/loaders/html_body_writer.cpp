@@ -57,7 +57,7 @@ std::vector<InlineTag> inheritedInQuirks(const std::vector<InlineTag>& inlines) 
             continue;
         }
         for (const std::string_view attribute : {"hints", "style"}) {
-            std::string_view rest = writtenAttribute(tag.startTag, attribute).value_or(std::string_view());
+            std::string_view rest = writtenAttribute(*tag.startTag, attribute).value_or(std::string_view());
             while (!rest.empty()) {
                 std::size_t end = std::min(rest.find(';'), rest.size());
                 const auto endsReference = [&](std::string_view name) { return rest.substr(0, end).ends_with(name); };
@@ -72,7 +72,7 @@ std::vector<InlineTag> inheritedInQuirks(const std::vector<InlineTag>& inlines) 
         }
     }
     if (!style.empty()) {
-        result.insert(result.begin(), {"span", "<span style=\"" + style + "\">"});
+        result.insert(result.begin(), {"span", std::make_shared<std::string>("<span style=\"" + style + "\">")});
     }
     return result;
 }
@@ -189,17 +189,17 @@ void HtmlBodyWriter::resumeInlines() {
     std::vector<InlineTag> pending = std::move(m_pending);
     m_pending.clear();
     for (InlineTag& tag : pending) {
-        if (!m_budget.payElement(tag.name, tag.startTag) || m_open.size() >= HtmlBudget::kMaxDepth) {
+        if (!m_budget.payElement(tag.name, *tag.startTag) || m_open.size() >= HtmlBudget::kMaxDepth) {
             break;
         }
-        m_body += tag.startTag;
+        m_body += *tag.startTag;
         OpenElement element;
         element.emitted = tag.name;
         element.name = std::move(tag.name);
         element.kind = TagKind::Inline;
         element.alignment = alignment();
-        element.keepsBlanks = keepsBlanks() || mayKeepBlanks(tag.startTag);
-        element.preformatted = isPreformatted({}, tag.startTag, !m_open.empty() && m_open.back().preformatted);
+        element.keepsBlanks = keepsBlanks() || mayKeepBlanks(*tag.startTag);
+        element.preformatted = isPreformatted({}, *tag.startTag, !m_open.empty() && m_open.back().preformatted);
         element.startTag = std::move(tag.startTag);
         m_open.push_back(std::move(element));
     }
@@ -237,6 +237,7 @@ void HtmlBodyWriter::addVoid(const std::string& name, const std::string& attribu
     }
     const bool plain = attributes.empty() || attributes.starts_with(" style=\"clear:");
     m_break = name == "br" && plain ? m_body.size() : kNone;
+    m_breakAttributes = m_break != kNone ? attributes : std::string();
     m_body += "<" + name + attributes + ">";
     m_lineEmpty = name != "img";
     m_column = m_lineEmpty ? 0 : m_column + 1;
@@ -256,11 +257,9 @@ void HtmlBodyWriter::addText(std::string_view text) {
 /// floats, an empty block says as well.
 void HtmlBodyWriter::endLine() {
     if (m_lineEmpty && m_break != kNone) {
-        const std::string tag = m_body.substr(m_break, m_body.find('>', m_break) + 1 - m_break);
-        m_body.erase(m_break, tag.size());
-        const std::size_t attributes = tag.find(' ');
-        if (attributes != std::string::npos && m_budget.payElement("div", tag)) {
-            m_body += "<div" + tag.substr(attributes) + "</div>";
+        m_body.erase(m_break, std::string_view("<br>").size() + m_breakAttributes.size());
+        if (!m_breakAttributes.empty() && m_budget.payElement("div", m_breakAttributes)) {
+            m_body += "<div" + m_breakAttributes + "></div>";
         }
     }
     m_break = kNone;

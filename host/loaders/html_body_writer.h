@@ -8,6 +8,7 @@
 #include "html_tags.h"
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,7 +17,7 @@ namespace ternview {
 
 struct InlineTag {
     std::string name;
-    std::string startTag;
+    std::shared_ptr<const std::string> startTag;  // one for all cells of a table, however many they are
 };
 
 struct TableState {
@@ -24,6 +25,7 @@ struct TableState {
     std::size_t rows = 0;
     std::size_t columns = 0;  // of the widest row
     std::size_t columnsInRow = 0;
+    std::vector<InlineTag> inCells;  // the inline elements around it that go on in each cell
 };
 
 struct OpenElement {
@@ -31,8 +33,8 @@ struct OpenElement {
     std::string emitted;  // in the result
     TagKind kind = TagKind::Block;
     ChildAlignment alignment = ChildAlignment::Default;
-    std::string startTag;            // of an inline element or a table, to repeat it
-    std::vector<InlineTag> outside;  // of a table part: the inline elements that go on behind it
+    std::shared_ptr<const std::string> startTag;  // of an inline element, or the attributes of a table, to repeat it
+    std::vector<InlineTag> outside;               // of a table part: the inline elements that go on behind it
     TableState table;
     int nextNumber = 1;         // of a numbered list
     bool boxed = false;         // stands in a box of its own, which ends with it
@@ -124,6 +126,7 @@ private:
     std::size_t m_column = 0;     // of the text, for its tabs
     bool m_lineEmpty = true;      // nothing stands in the line so far
     std::size_t m_break = kNone;  // where the line break in front of it is written
+    std::string m_breakAttributes;
     bool m_sheetKeepsBlanks = false;
 };
 

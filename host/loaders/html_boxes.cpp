@@ -193,8 +193,7 @@ bool makeBox(std::string_view declarations) {
             return true;
         }
     }
-    return declarations.find("display:inline-") != std::string_view::npos ||
-           declarations.find("display:var") != std::string_view::npos;
+    return declarations.find("display:inline-") != std::string_view::npos;
 }
 
 std::string withAffordableBoxes(std::string_view body, const BoxSelectors& selectors) {

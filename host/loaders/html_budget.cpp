@@ -73,7 +73,9 @@ void HtmlBudget::countNames(const std::string& name, std::string_view attributes
 }
 
 bool HtmlBudget::payElement(const std::string& name, std::string_view attributes) {
-    const std::size_t memory = kElementBytes + attributes.size() * kAttributeFactor;
+    // A quotation has its marks in elements of their own, and a button much style.
+    const std::size_t factor = name == "q" ? 3 : name == "button" ? 2 : 1;
+    const std::size_t memory = kElementBytes * factor + attributes.size() * kAttributeFactor;
     if (m_elements >= kMaxElements || m_elementMemory + memory > kMaxElementMemory) {
         m_shortened = true;
         return false;

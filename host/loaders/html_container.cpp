@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <type_traits>
 
 namespace ternview {
 namespace {
@@ -19,7 +20,8 @@ constexpr int kSmallestFrame = 20;  // of a missing picture
 constexpr int kFramePadding = 4;
 constexpr int kMaxFrameLines = 10;
 constexpr std::size_t kLongestGradientName = 10;  // up to the word that all have in common
-constexpr std::size_t kMaxItems = 4'000'000;
+constexpr std::size_t kMaxTexts = 4'000'000;
+constexpr std::size_t kMaxOtherItems = 300'000;  // each inline element may have a background in each line
 
 Box boxOf(const litehtml::position& position) {
     return {static_cast<double>(position.x), static_cast<double>(position.y), static_cast<double>(position.width),
@@ -171,7 +173,8 @@ public:
             return;
         }
         if (isGradient(*address)) {
-            if (auto gradient = parseGradient(address->address)) {
+            if (auto gradient = m_othersLeft > 0 ? parseGradient(address->address) : std::nullopt) {
+                m_othersLeft -= std::min(m_othersLeft, gradient->stops.size());
                 gradient->radii = radiiOf(paint.border_radius);
                 for (GradientItem::Stop& stop : gradient->stops) {
                     stop.color = faded(stop.color);
@@ -306,7 +309,9 @@ private:
 
     template <typename Content>
     void add(const Box& box, Content content) {
-        if (m_recorded.items.size() < kMaxItems && !box.intersected(m_clips.back()).empty()) {
+        std::size_t& left = std::is_same_v<Content, TextItem> ? m_textsLeft : m_othersLeft;
+        if (left > 0 && !box.intersected(m_clips.back()).empty()) {
+            --left;
             m_recorded.items.push_back({.box = box, .clip = m_clips.back(), .content = std::move(content), .link = m_link});
         }
     }
@@ -318,6 +323,8 @@ private:
     HtmlPictures& m_pictures;
     HtmlFont* m_frameFont;
     RecordedHtml m_recorded;
+    std::size_t m_textsLeft = kMaxTexts;
+    std::size_t m_othersLeft = kMaxOtherItems;
     std::uint32_t m_link = 0;
     std::vector<float> m_opacities{1.0F};
     std::vector<Box> m_clips{Box{-kHuge, -kHuge, 2 * kHuge, 2 * kHuge}};

@@ -1,9 +1,11 @@
 #include "html_css.h"
 
+#include "html_budget.h"
 #include "html_css_text.h"
 #include "html_media.h"
 
 #include <algorithm>
+#include <array>
 
 namespace ternview {
 namespace {
@@ -14,13 +16,16 @@ constexpr std::string_view kMedia = "@media";
 constexpr int kMaxMediaNesting = 2;
 constexpr std::size_t kMaxSelectorLength = 300;
 constexpr std::size_t kMaxRules = 20000;
-constexpr double kSelectorBudget = 2e8;      // comparisons for one selector at its worst
-constexpr double kComparisonBudget = 4e7;    // of all selectors, by what their parts can apply to
-constexpr double kConditionCost = 8;         // of one on an attribute, in comparisons of names
-constexpr double kCountedSiblingCost = 0.1;  // for conditions on a place among siblings
-constexpr std::size_t kMaxCopies = 600'000;  // of declarations, one for each element that has them
+constexpr double kSelectorBudget = 2e8;        // comparisons for one selector at its worst
+constexpr double kComparisonBudget = 4e7;      // of all selectors, by what their parts can apply to
+constexpr double kConditionCost = 8;           // of one on an attribute, in comparisons of names
+constexpr double kClassCost = 24;              // of each class but the first, as many as an element may have
+constexpr double kCountedSiblingCost = 0.1;    // of one that is only counted
+constexpr std::size_t kMaxCopies = 1'500'000;  // of properties, one for each element that has them
 constexpr std::size_t kMaxCopiedBytes = std::size_t{64} << 20;
-constexpr double kSheetBudget = 2e7;  // elements times selectors
+constexpr double kSheetBudget = 2e7;      // elements times selectors
+constexpr double kMaxContents = 100'000;  // pieces of text that rules put in front of elements and behind them
+constexpr double kPiecesPerContent = 6;   // what its element holds, and each picture in it, in pieces of text
 
 /// The comparisons that one element may cost at worst: the choices of `parts` - 1 out of `depth` ancestors.
 double worstComparisons(std::size_t parts, std::size_t depth) {
@@ -85,12 +90,23 @@ std::vector<std::string> safeSelectors(std::string_view list) {
         const std::size_t comma = std::min(list.find(','), list.size());
         const std::string_view selector = trimmed(list.substr(0, comma));
         list.remove_prefix(std::min(comma + 1, list.size()));
-        const bool plain = selector.find_first_of("<\\{}@;") == std::string_view::npos;
+        const bool plain =
+            selector.find_first_of("<\\{}@;") == std::string_view::npos && selector.find("/*") == std::string_view::npos;
         if (!selector.empty() && selector.size() <= kMaxSelectorLength && plain && std::ranges::count(selector, '(') <= 1) {
             result.push_back(plainSelector(selector));
         }
     }
     return result;
+}
+
+/// Calls `each` for the declarations of a rule, which are safe already.
+template <typename Each>
+void forEachDeclaration(std::string_view declarations, Each each) {
+    for (std::size_t at = 0; at < declarations.size();) {
+        const std::size_t end = std::min(findOutside(declarations, at, ";") + 1, declarations.size());
+        each(declarations.substr(at, end - at));
+        at = end;
+    }
 }
 
 bool isFloat(std::string_view declaration) {
@@ -101,12 +117,9 @@ bool isFloat(std::string_view declaration) {
 /// Declarations without those that make elements float.
 std::string withoutFloats(std::string_view declarations) {
     std::string result;
-    for (std::size_t at = 0; at < declarations.size();) {
-        const std::size_t end = std::min(findOutside(declarations, at, ";") + 1, declarations.size());
-        const std::string_view declaration = declarations.substr(at, end - at);
+    forEachDeclaration(declarations, [&result](std::string_view declaration) {
         result += isFloat(declaration) ? std::string_view() : declaration;
-        at = end;
-    }
+    });
     return result;
 }
 
@@ -125,14 +138,60 @@ std::size_t possibleMatches(std::string_view selector, const ElementCounts& coun
         ++end;
     }
     const std::string name = lowered(subject.substr(0, end));
+    const bool sure = end == subject.size() || subject[end] == '.' || subject[end] == '#';
+    if (!sure || name.empty() || name == ".") {
+        return elements;
+    }
     if (name == "html" || name == "body") {
         return 1;
     }
-    const auto found = counts.find(name);
-    if (found != counts.end()) {
-        return found->second;
-    }
-    return name.empty() || name == "." || counts.size() >= kMaxElementCounts ? elements : 0;
+    const auto countOf = [&](const std::string& wanted) {
+        const auto found = counts.find(wanted);
+        return found != counts.end() ? found->second : counts.size() >= kMaxElementCounts ? elements : 0;
+    };
+    return countOf(name) + (name == "tbody" ? countOf("table") : 0);  // the parser adds one to a table that has none
+}
+
+/// How many properties the engine makes of declarations.
+std::size_t countProperties(std::string_view declarations) {
+    struct Shorthand {
+        std::string_view start;
+        std::size_t properties;
+    };
+    static constexpr std::array<Shorthand, 9> kShorthands{{{"border:", 12},
+                                                           {"border-radius:", 8},
+                                                           {"border-", 4},
+                                                           {"background:", 8},
+                                                           {"font:", 6},
+                                                           {"margin:", 4},
+                                                           {"padding:", 4},
+                                                           {"list-style:", 3},
+                                                           {"", 1}}};
+    std::size_t count = 0;
+    forEachDeclaration(declarations, [&count](std::string_view declaration) {
+        count += std::ranges::find_if(kShorthands, [declaration](const Shorthand& shorthand) {
+                     return declaration.starts_with(shorthand.start);
+                 })->properties;
+    });
+    return count;
+}
+
+/// How many pieces of text a rule puts in front of an element or behind it, with what holds them.
+double contentPieces(std::string_view declarations) {
+    constexpr std::string_view kContent = "content:";
+    double pieces = kPiecesPerContent;
+    forEachDeclaration(declarations, [&](std::string_view declaration) {
+        if (declaration.starts_with(kContent)) {
+            const auto pictures = static_cast<double>(std::ranges::count(declaration, '('));
+            pieces += HtmlBudget::pieces(declaration.substr(kContent.size())) + pictures * kPiecesPerContent;
+        }
+    });
+    return pieces;
+}
+
+bool hasContent(std::string_view selector) {
+    const std::string text = lowered(selector);
+    return text.find(":before") != std::string::npos || text.find(":after") != std::string::npos;
 }
 
 struct SelectorPart {
@@ -186,16 +245,18 @@ double comparisons(std::string_view selector, const ElementCounts& counts, std::
     for (std::size_t at = parts.size(); at-- > 0;) {
         const SelectorPart& part = parts[at];
         const auto conditions = static_cast<double>(std::ranges::count(part.text, '['));
-        const bool countsSiblings =
-            part.text.find("-child") != std::string_view::npos || part.text.find("-of-") != std::string_view::npos;
+        const double classes = std::max(0.0, static_cast<double>(std::ranges::count(part.text, '.') - 1));
+        const std::string text = lowered(part.text);
+        const bool countsSiblings = text.find("-child") != std::string::npos || text.find("-of-") != std::string::npos;
         const double siblings = countsSiblings ? static_cast<double>(elements) * kCountedSiblingCost : 0;
-        result += paths * (conditions * kConditionCost + siblings);
+        result += paths * (conditions * kConditionCost + classes * kClassCost + siblings);
         if (at == 0) {
             break;
         }
         const bool isNeighbour = part.combinator == '>' || part.combinator == '+';
         const auto reach = static_cast<double>(isNeighbour ? 1 : part.combinator == '~' ? elements : depth);
-        result += paths * reach;
+        // The engine looks for the neighbour in front among all siblings.
+        result += paths * (part.combinator == '+' ? static_cast<double>(elements) * kCountedSiblingCost : reach);
         chosen = isNeighbour ? 0 : chosen + 1;
         paths *= std::max(1.0, std::min(reach, matches(parts[at - 1])) / std::max(chosen, 1.0));
     }
@@ -252,21 +313,25 @@ std::string SafeStyleSheet::text(std::size_t elements, std::size_t depth, const 
     double compared = 0;
     std::size_t copies = 0;
     std::size_t bytes = 0;
+    double contents = 0;
     for (const Rule& rule : m_rules) {
         std::string selectors;
         std::string ofTooMany;  // selectors of what cannot float
         const std::string staying = withoutFloats(rule.declarations);
         const bool floating = staying.size() < rule.declarations.size();
-        const auto declarations = static_cast<std::size_t>(std::ranges::count(rule.declarations, ';')) + 1;
+        const double content = contentPieces(rule.declarations);
+        const std::size_t properties = countProperties(rule.declarations);
         for (const std::string& selector : rule.selectors) {
             const double cost = static_cast<double>(elements) * worstComparisons(countParts(selector), depth);
             const std::size_t matches = std::min(elements, possibleMatches(selector, counts, elements));
-            const std::size_t copied = declarations * matches;
+            const std::size_t copied = properties * matches;
             const std::size_t copiedBytes = rule.declarations.size() * matches;
             const double further = comparisons(selector, counts, elements, depth);
+            const double added = hasContent(selector) ? content * static_cast<double>(matches) : 0;
             if (cost <= kSelectorBudget && spent + static_cast<double>(elements) <= kSheetBudget &&
                 compared + further <= kComparisonBudget && copies + copied <= kMaxCopies &&
-                bytes + copiedBytes <= kMaxCopiedBytes) {
+                bytes + copiedBytes <= kMaxCopiedBytes && contents + added <= kMaxContents) {
+                contents += added;
                 copies += copied;
                 bytes += copiedBytes;
                 compared += further;

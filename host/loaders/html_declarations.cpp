@@ -22,8 +22,10 @@ using namespace css;
 constexpr double kMaxPixels = 20000;
 constexpr double kMaxRelative = 1000;  // em, %, and other units that are large or multiply
 constexpr std::size_t kMaxGradientLength = 2000;
-constexpr double kInvisible = 0.02;  // opacity
-constexpr double kBold = 600;        // weight; few families have more than two
+constexpr std::size_t kMaxVariables = 4;   // in one value
+constexpr std::size_t kMaxVariable = 300;  // what each of them may stand for
+constexpr double kInvisible = 0.02;        // opacity
+constexpr double kBold = 600;              // weight; few families have more than two
 
 std::string shortNumber(double value, int decimals) {
     std::array<char, 40> digits{};
@@ -177,12 +179,19 @@ private:
         }
     }
 
-    /// With escaped characters as they are, except for those that would end the string or an element.
+    /// With escaped characters as they are, except for those that would end the string or an element. The engine looks for
+    /// comments and the ends of rules in strings as well.
     void writeString(std::string_view piece) {
+        constexpr std::string_view kUnsafe = "<{}\n";
         constexpr std::size_t kMostDigits = 6;
+        const char mark = piece[0];
+        const bool closed = piece.size() > 1 && piece.back() == mark;
+        piece.remove_suffix(closed ? 1 : 0);
         for (std::size_t at = 0; at < piece.size(); ++at) {
             if (piece[at] != '\\') {
-                m_out += piece[at] == '<' || piece[at] == '\n' ? ' ' : piece[at];
+                m_out += kUnsafe.find(piece[at]) != std::string_view::npos || (piece[at] == '*' && m_out.ends_with('/'))
+                             ? ' '
+                             : piece[at];
                 continue;
             }
             std::size_t end = at + 1;
@@ -201,6 +210,7 @@ private:
             }
             at = end - 1;
         }
+        m_out += mark;
     }
 
     void writeAddress(std::string_view address) {
@@ -349,16 +359,45 @@ std::optional<Declaration> readDeclaration(std::string_view css) {
     return result.name.empty() || result.value.empty() || !known ? std::nullopt : std::optional(result);
 }
 
+/// How many variables a value may be made of.
+std::size_t countVariables(std::string_view value) {
+    std::size_t count = 0;
+    for (std::size_t at = value.find("--"); at != std::string_view::npos; at = value.find("--", at + 2)) {
+        ++count;
+    }
+    return count;
+}
+
+/// The engine goes through a whole document for each level that anything in it stands on, so there are few: levels that are
+/// far up count as the same when they are near each other.
+std::string coarseLevel(std::string_view value) {
+    constexpr double kFine = 10;
+    constexpr double kStepsInDecade = 4;
+    const bool below = value.starts_with('-');
+    const double level = readNumber(value.substr(below ? 1 : 0)).value;
+    const double coarse = level <= kFine ? level : kFine + std::floor(kStepsInDecade * std::log10(level / kFine));
+    return (below ? "-" : "") + shortNumber(std::floor(coarse), 0);
+}
+
 /// Says in words of the engine what it would misunderstand; false when there are none.
 bool mend(Declaration& declaration) {
     std::string& name = declaration.name;
     std::string& value = declaration.value;
+    const bool varies = lowered(value).find("var(") != std::string::npos;
     if (name.starts_with("--")) {
-        const std::string text = lowered(value);
-        return text.find("var(") == text.rfind("var(");  // a variable of several others doubles them, at each step
+        // The engine would resolve for ever a variable that is made of itself, whatever others are between.
+        return !varies && countVariables(value) == 0 && value.size() <= kMaxVariable;
+    }
+    if (varies && countVariables(value) > kMaxVariables) {
+        return false;
     }
     if (name == "display" || name == "position") {
-        return !isForeignLayout(lowered(value));
+        return !varies && !isForeignLayout(lowered(value));
+    }
+    if (name == "z-index") {
+        value = value == "auto" ? value : coarseLevel(value);
+    } else if (name == "content" && (varies || lowered(value).find("attr(") != std::string::npos)) {
+        value = "\"\"";  // of its attributes an element has none left that are to be read
     }
     if (name == "font-size" && isZero(value)) {
         value = "1px";  // the engine takes 0 for the default size; text of one pixel is not drawn

@@ -116,6 +116,7 @@ struct DisplayItem {
 
     /// Whether a page break must not go through it.
     bool solid() const;
+    bool isText() const { return std::holds_alternative<TextItem>(content); }
     /// Whether it shows anything on white paper.
     bool visible() const;
 };

@@ -16,6 +16,7 @@
 #include <cctype>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -237,6 +238,7 @@ private:
         } else {
             m_body.resumeInlines();
         }
+        m_budget.payLayouts(HtmlBudget::pieces(token.attribute("alt")), m_body.tableDepth());
         payElementLayout();
         m_body.addVoid(token.name, attributesOf(token));
     }
@@ -254,7 +256,7 @@ private:
             payElementLayout();
             m_body.open(token, TagKind::Block, token.name, attributes + linkOf(token));
         } else if (m_body.openInlines() < HtmlBudget::kMaxInlines) {
-            m_body.openInline({token.name, "<" + token.name + attributes + linkOf(token) + ">"});
+            m_body.openInline({token.name, std::make_shared<std::string>("<" + token.name + attributes + linkOf(token) + ">")});
         }
     }
 
@@ -323,8 +325,10 @@ private:
         if (!m_body.open(token, TagKind::Table, flat ? "" : "table", attributes, flat ? std::string() : lineBoxStyle(token))) {
             return;
         }
-        m_body.top().startTag = attributes;
-        TableAttributes& ofCells = m_body.top().table.attributes;
+        OpenElement& table = m_body.top();
+        table.startTag = std::make_shared<std::string>(attributes);
+        table.table.inCells = m_standards ? table.outside : inheritedInQuirks(table.outside);
+        TableAttributes& ofCells = table.table.attributes;
         if (const auto padding = attributeNumber(token.attribute("cellpadding"), 0, 1000)) {
             ofCells.cellPadding = "padding:" + std::to_string(*padding) + "px;";
         }
@@ -360,14 +364,16 @@ private:
         HtmlToken token;
         token.name = "table";
         const std::string emitted = m_body.element(table).emitted;
-        const std::string attributes = m_body.element(table).startTag;
-        const TableAttributes ofCells = m_body.element(table).table.attributes;
+        const std::shared_ptr<const std::string> attributes = m_body.element(table).startTag;
+        TableState state;
+        state.attributes = m_body.element(table).table.attributes;
+        state.inCells = m_body.element(table).table.inCells;
         m_body.closeDownTo(table);
-        if (!m_body.open(token, TagKind::Table, emitted, attributes)) {
+        if (!m_body.open(token, TagKind::Table, emitted, *attributes)) {
             return false;
         }
         m_body.top().startTag = attributes;
-        m_body.top().table.attributes = ofCells;
+        m_body.top().table = std::move(state);
         return true;
     }
 
@@ -418,8 +424,7 @@ private:
                          isWritten(table) ? spans + attributesOf(token, &attributes) : std::string())) {
             return false;
         }
-        const std::vector<InlineTag>& outside = m_body.element(table).outside;
-        m_body.setPending(m_standards ? outside : inheritedInQuirks(outside));
+        m_body.setPending(m_body.element(table).table.inCells);
         return true;
     }
 

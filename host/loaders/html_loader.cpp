@@ -54,7 +54,11 @@ public:
         auto spanning = m_plan.spanning.begin();
         while (own != page.items.end() || spanning != m_plan.spanning.end()) {
             const bool takeOwn = spanning == m_plan.spanning.end() || (own != page.items.end() && *own < *spanning);
-            drawItem(m_recorded.items[takeOwn ? *own++ : *spanning++], page, context);
+            const std::uint32_t number = takeOwn ? *own++ : *spanning++;
+            const DisplayItem& item = m_recorded.items[number];
+            if (number >= page.firstLayer || item.isText()) {
+                drawItem(item, page, context);
+            }
         }
         if (carriesLinks(context)) {
             addLinks(page, context);

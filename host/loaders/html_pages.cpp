@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
+#include <variant>
 
 namespace ternview {
 namespace {
@@ -21,6 +23,60 @@ struct Extent {
     double top;
     double bottom;
 };
+
+double area(const Box& box) {
+    return box.empty() ? 0 : box.width * box.height;
+}
+
+bool isBroken(const BorderItem& border) {
+    return std::ranges::any_of(border.sides, [](const BorderItem::Side& side) {
+        return side.style == BorderItem::Style::Dotted || side.style == BorderItem::Style::Dashed;
+    });
+}
+
+/// What painting an item on a page costs at most, in units of filling half of a square as high as the page.
+double paintingCost(const DisplayItem& item, const PagePlan::Page& page, double pageHeight) {
+    constexpr double kFill = 2;
+    constexpr double kGradient = 6;
+    constexpr double kPicture = 40;
+    constexpr double kDotsAlongThePage = 2;
+    const Box band{std::max(item.box.x, 0.0), page.top, pageHeight, page.bottom - page.top};
+    const Box seen = item.box.intersected(item.clip).intersected(band);
+    const double share = area(seen) / (pageHeight * pageHeight);
+    if (const auto* picture = std::get_if<std::unique_ptr<PictureItem>>(&item.content)) {
+        cairo_surface_t* surface = (*picture)->picture->surface.get();
+        const double points =
+            static_cast<double>(cairo_image_surface_get_width(surface)) * cairo_image_surface_get_height(surface);
+        return share * kPicture * (1 + points / std::max(area((*picture)->tile), 1.0));
+    }
+    if (const auto* border = std::get_if<std::unique_ptr<BorderItem>>(&item.content)) {
+        const double dots = isBroken(**border) && !seen.empty() ? kDotsAlongThePage * (seen.width + seen.height) / pageHeight : 0;
+        return share * kFill + dots;
+    }
+    const bool gradient = std::holds_alternative<std::unique_ptr<GradientItem>>(item.content);
+    return gradient ? share * kGradient : std::holds_alternative<FillItem>(item.content) ? share * kFill : 0;
+}
+
+/// Finds the lowest layer of each page that is worth painting: hundreds of pictures of the page's size may lie upon each other.
+void limitLayers(PagePlan& plan, const DisplayItems& items, double pageHeight) {
+    constexpr double kFreeOnEachPage = 150;
+    double left = 5000;  // for pages that take more
+    for (PagePlan::Page& page : plan.pages) {
+        double spent = 0;
+        auto own = page.items.rbegin();
+        auto spanning = plan.spanning.rbegin();
+        while (own != page.items.rend() || spanning != plan.spanning.rend()) {
+            const bool takeOwn = spanning == plan.spanning.rend() || (own != page.items.rend() && *own > *spanning);
+            const std::uint32_t index = takeOwn ? *own++ : *spanning++;
+            spent += paintingCost(items[index], page, pageHeight);
+            if (spent > kFreeOnEachPage + left) {
+                page.firstLayer = index + 1;
+                break;
+            }
+        }
+        left -= std::clamp(spent - kFreeOnEachPage, 0.0, left);
+    }
+}
 
 /// The start of the page behind the one that starts at `top`.
 double nextBreak(const std::vector<Extent>& extents, std::size_t& first, double top, double limit) {
@@ -82,6 +138,7 @@ PagePlan planPages(const DisplayItems& items, double pageHeight, std::size_t max
             plan.pages[page].items.push_back(index);
         }
     }
+    limitLayers(plan, items, pageHeight);
     return plan;
 }
 

@@ -14,6 +14,7 @@ struct PagePlan {
         double top;     // in the drawing
         double bottom;  // where the next page starts
         std::vector<std::uint32_t> items;
+        std::uint32_t firstLayer = 0;  // backgrounds, borders and pictures in front of this item lie below too many others
     };
     std::vector<Page> pages;              // at least one
     std::vector<std::uint32_t> spanning;  // items on many pages, kept apart so that the plan stays linear in the drawing

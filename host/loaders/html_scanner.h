@@ -10,7 +10,7 @@ namespace ternview {
 
 struct HtmlAttribute {
     std::string name;        // in lower case
-    std::string_view value;  // as it stands in the source, character references included
+    std::string_view value;  // as it stands in the source, until somebody resolves its character references
 };
 
 struct HtmlToken {

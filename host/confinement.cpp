@@ -10,12 +10,12 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <new>
 #include <string_view>
 #include <system_error>
 
+#include "processor_time.h"
 #include "sanitized.h"
 #include "service/system_call_filter.h"
 
@@ -44,9 +44,13 @@ void setLimit(__rlimit_resource resource, rlim_t soft, rlim_t hard) {
 }
 
 rlim_t usedSeconds() {
-    timespec used{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-    return static_cast<rlim_t>(used.tv_sec);
+    return static_cast<rlim_t>(std::chrono::floor<std::chrono::seconds>(usedProcessorTime()).count());
+}
+
+/// The hard limit stays, so that the soft one can be moved on; nobody handles SIGXCPU, which ends the process.
+void endAt(rlim_t second) {
+    setLimit(RLIMIT_CPU, second, RLIM_INFINITY);
+    endAtProcessorTime(std::chrono::seconds(second));
 }
 
 void setLimits() {
@@ -146,8 +150,7 @@ void confine(const Confinement& confinement) {
 
 void limitProcessorTime(std::chrono::seconds timeLimit) {
     allowedTime = timeLimit;
-    // The hard limit stays, so that the soft one can be moved on; nobody handles SIGXCPU, which ends the process.
-    setLimit(RLIMIT_CPU, std::min(usedSeconds() + static_cast<rlim_t>(timeLimit.count() + 1), lastSecond), RLIM_INFINITY);
+    endAt(std::min(usedSeconds() + static_cast<rlim_t>(timeLimit.count() + 1), lastSecond));
 }
 
 void limitProcessorTimeBySize(std::uint64_t bytes, double pageArea) {
@@ -157,7 +160,7 @@ void limitProcessorTimeBySize(std::uint64_t bytes, double pageArea) {
     }
     const double needed = kSecondsOfMegabyte * static_cast<double>(1 + bytes / kMegabyte) * std::max(pageArea, 1.0);
     lastSecond = usedSeconds() + static_cast<rlim_t>(needed);
-    setLimit(RLIMIT_CPU, std::min(lastSecond, usedSeconds() + static_cast<rlim_t>(allowedTime.count() + 1)), RLIM_INFINITY);
+    endAt(std::min(lastSecond, usedSeconds() + static_cast<rlim_t>(allowedTime.count() + 1)));
 }
 
 void limitMemoryBySize([[maybe_unused]] std::uint64_t bytes) {

@@ -236,6 +236,7 @@ void showMessage(const Job& job, FrameWriter& out, JobResult& result) {
     const MailFile file(job.file);
     limitProcessorTimeBySize(file.size(), pageArea(job));
     limitMemoryBySize(file.size());
+    limitServicesBySize(file.size());
     result.status = 0;
     const FilterModule module;
     TbHostSetUiLanguage(job.uiLanguage);
@@ -258,6 +259,15 @@ void runJob(const Job& job, FrameWriter& out) {
         result.failure = Failure::kOutOfMemory;
     }
     out.result(packResult(result));
+}
+
+void limitServicesBySize(std::uint64_t bytes) {
+    constexpr std::uint64_t kMostExpansion = 8;  // of compressed RTF
+    OfficeAccess office = usedOffice();
+    ServiceAccess browser = usedBrowser();
+    office.countedBytes = browser.countedBytes = kMostExpansion * bytes;
+    useOffice(office);
+    useBrowser(browser);
 }
 
 void workerMain(const WorkerTask& task, const WorkerEnvironment& environment) {

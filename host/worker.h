@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -27,6 +28,9 @@ using WorkerTask = std::function<void(FrameWriter&)>;
 
 /// The task of a single command: does the job and sends its outputs and its result.
 void runJob(const Job& job, FrameWriter& out);
+
+/// Lowers what the office and the browser may take for the documents of this process to what a mail of this size explains.
+void limitServicesBySize(std::uint64_t bytes);
 
 /// Body of a worker process, right behind the fork: takes the process's freedoms away, does the task, and ends the process.
 [[noreturn]] void workerMain(const WorkerTask& task, const WorkerEnvironment& environment);

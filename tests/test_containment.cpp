@@ -234,6 +234,34 @@ TEST_F(Contained, NoProcessHoldsMuchForASmallMail) {
     write("large.eml", mail);
     const Outcome outcome = run("info large.eml --html-engine embedded");
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+
+    // Five header texts in the same sectors make the document many times as large as its file.
+    std::string rows;
+    for (int row = 0; row < 110'000; ++row) {
+        rows += "\\trowd\\cellx900 x\\cell\\row ";
+    }
+    msg::MsgBuilder item;
+    std::string text;
+    while (text.size() < 3 * kSmall / 4) {
+        text += "\xE4\xB8\xAD\xE0\xB8\x81";
+    }
+    constexpr std::array<std::uint16_t, 4> kOthers{msg::kSenderName, msg::kDisplayTo, msg::kDisplayCc, msg::kDisplayBcc};
+    for (const std::uint16_t id : kOthers) {
+        item.text(id, "Ann");
+    }
+    item.text(msg::kSubject, text)
+        .binary(msg::kRtfCompressed, rtf::Compressed("{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}} " + rows + "\\pard x}"));
+    compound::CompoundImage image = item.image();
+    const auto entryOf = [&image](std::uint16_t id) { return image.entryOf(msg::StreamName(id, msg::kUnicode)); };
+    for (const std::uint16_t id : kOthers) {
+        for (const std::size_t field : {compound::kEntryStart, compound::kEntrySize}) {
+            image.put32(entryOf(id) + field, image.get32(entryOf(msg::kSubject) + field));
+        }
+    }
+    ASSERT_LT(image.bytes.size(), kSmall);
+    write("shared.msg", image.bytes);
+    run("info shared.msg");
+
     struct rusage used {};
     ::getrusage(RUSAGE_CHILDREN, &used);
     EXPECT_LE(used.ru_maxrss, kMostKibibytes);

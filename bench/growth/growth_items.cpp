@@ -133,6 +133,24 @@ std::string sharedSectors(std::size_t size) {
     return image.bytes;
 }
 
+/// All header texts claim the sectors of the subject, and letters of two code pages in turn grow a lot in RTF.
+std::string sharedHeader(std::size_t size) {
+    constexpr std::uint16_t kOthers[] = {msg::kSenderName, msg::kDisplayTo, msg::kDisplayCc, msg::kDisplayBcc};
+    msg::MsgBuilder built = item();
+    built.text(msg::kSubject, repeated("\xE4\xB8\xAD\xE0\xB8\x81", size))
+        .text(msg::kDisplayCc, "Cy")
+        .text(msg::kDisplayBcc, "Di");
+    built.binary(msg::kRtfCompressed, rtf::Compressed("{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}\\pard x}"));
+    CompoundImage image = built.image();
+    const auto entryOf = [&](std::uint16_t id) { return image.entryOf(msg::StreamName(id, msg::kUnicode)); };
+    for (const std::uint16_t id : kOthers) {
+        for (const std::size_t field : {compound::kEntryStart, compound::kEntrySize}) {
+            image.put32(entryOf(id) + field, image.get32(entryOf(msg::kSubject) + field));
+        }
+    }
+    return image.bytes;
+}
+
 std::string recipients(std::size_t size) {
     msg::MsgBuilder built = item();
     built.text(msg::kBody, "Hello");
@@ -178,6 +196,7 @@ void addItems(Cases& cases) {
     add("many attachments", [](std::size_t size) { return attachments(size, Named::No); });
     add("many pictures", [](std::size_t size) { return attachments(size, Named::Yes); });
     add("pictures that share sectors", sharedSectors);
+    add("header texts that share sectors above RTF", sharedHeader);
     add("items in items", embedded);
     add("HTML in RTF", [](std::size_t size) {
         return item().binary(msg::kRtfCompressed, rtf::Stored(msg::HtmlInRtf(repeated("<p>x</p>", size / 4)))).bytes();

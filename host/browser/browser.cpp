@@ -52,8 +52,8 @@ ServiceCommand browserCommand(const std::string& directory) {
             .endSignal = SIGTERM};
 }
 
-std::string requestLabel(const PageSetup& setup, std::chrono::seconds limit) {
-    std::string label = std::to_string(limit.count());
+std::string requestLabel(const PageSetup& setup, const ServiceAccess& access) {
+    std::string label = std::to_string(access.timeLimit.count()) + " " + std::to_string(access.countedBytes);
     for (const double length : {setup.width, setup.height, setup.margin}) {
         label += " " + std::to_string(length);
     }
@@ -91,7 +91,7 @@ std::string printInBrowser(std::string_view html, const PageSetup& setup, const 
     if (!isProgram(serviceProgram(kProgram))) {
         throw JobError(Failure::kBrowserProgramMissing, serviceProgram(kProgram).string());
     }
-    auto answer = askService(access, requestLabel(setup, access.timeLimit), html, kStartAllowance);
+    auto answer = askService(access, requestLabel(setup, access), html, kStartAllowance);
     if (const ServiceFailure* failure = std::get_if<ServiceFailure>(&answer)) {
         switch (*failure) {
             case ServiceFailure::kNoWay:

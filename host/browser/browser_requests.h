@@ -1,6 +1,7 @@
 // What the program and the browser's process agree on, beside the messages of a service.
 //
-//   request   label "SECONDS WIDTH HEIGHT MARGIN": a page of HTML, how long its printing may take, and the paper in CSS pixels
+//   request   label "SECONDS BYTES WIDTH HEIGHT MARGIN": a page of HTML, how long its printing may take, the bytes that are
+//             counted at most where its size says what it may take, and the paper in CSS pixels
 //   answer    kPdf: what became of it; or kResult: one of the words below and a sentence on why nothing did
 #pragma once
 

@@ -38,12 +38,13 @@ constexpr int kPagesPerProcess = 250;
 
 struct Request {
     std::chrono::seconds timeLimit;
+    double countedBytes;
     PrintSetup setup;
 };
 
 /// @param longest what the program allows
 std::optional<Request> parseRequest(std::string_view label, std::chrono::seconds longest) {
-    std::array<double, 4> numbers{};
+    std::array<double, 5> numbers{};
     for (double& number : numbers) {
         const auto [stop, error] = std::from_chars(label.data(), label.data() + label.size(), number);
         if (error != std::errc() || !(number >= 0)) {
@@ -52,12 +53,12 @@ std::optional<Request> parseRequest(std::string_view label, std::chrono::seconds
         label.remove_prefix(static_cast<std::size_t>(stop - label.data()));
         label.remove_prefix(label.starts_with(' ') ? 1 : 0);
     }
-    const auto [seconds, width, height, margin] = numbers;
+    const auto [seconds, countedBytes, width, height, margin] = numbers;
     const bool isPaper = width <= kLargestPaper && height <= kLargestPaper && 2 * margin < width - 1 && 2 * margin < height - 1;
     if (!label.empty() || !isPaper || seconds < 1 || seconds > kLongestTimeLimit) {
         return std::nullopt;
     }
-    return Request{std::min(longest, std::chrono::seconds(static_cast<int>(seconds))), {width, height, margin}};
+    return Request{std::min(longest, std::chrono::seconds(static_cast<int>(seconds))), countedBytes, {width, height, margin}};
 }
 
 /// A page that takes longer than its size explains was made to; but whoever allows more time than usual gets it.
@@ -148,7 +149,8 @@ private:
             chromium_->devTools().call("Browser.getVersion");
         }
         chromium_->devTools().setDeadline(DevTools::Clock::now() + request.timeLimit);
-        chromium_->limitProcessorTime(processorTime(html.size(), request.timeLimit));
+        const double counted = std::min(static_cast<double>(html.size()), request.countedBytes);
+        chromium_->limitProcessorTime(processorTime(static_cast<std::size_t>(counted), request.timeLimit));
         return printPage(chromium_->devTools(), html, request.setup);
     }
 

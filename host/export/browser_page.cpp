@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "export/browser_css.h"
 #include "character_references.h"
+#include "export/browser_css.h"
 #include "export/html_structure.h"
 #include "loaders/html_addresses.h"
 #include "loaders/html_attributes.h"

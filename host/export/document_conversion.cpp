@@ -21,6 +21,7 @@
 #include "loaders.h"
 #include "loaders/installed_fonts.h"
 #include "page_output.h"
+#include "worker.h"
 
 namespace ternview {
 namespace {
@@ -98,6 +99,7 @@ void convertDocument(const ConversionTask& task, FrameWriter& out) {
         const std::uint64_t size = std::min<std::uint64_t>(bytes.size(), task.fileSize);
         limitProcessorTimeBySize(size, task.format == ExportFormat::kPng ? std::pow(task.resolution / 96.0, 2) : 1);
         limitMemoryBySize(size);
+        limitServicesBySize(task.fileSize);
         const bool isHtml = task.documentFormat == ternkit::kFormatHtml;
         const HandedDocument document{task.documentFormat, bytes, isHtml ? std::optional(task.document) : std::nullopt};
         if (task.format == ExportFormat::kPdf || task.format == ExportFormat::kPng) {

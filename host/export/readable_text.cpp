@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "export/browser_page.h"
 #include "character_references.h"
+#include "export/browser_page.h"
 #include "export/html_structure.h"
 #include "export/text_styles.h"
 

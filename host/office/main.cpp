@@ -12,9 +12,9 @@
 #include <charconv>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -28,6 +28,7 @@
 #include "frames.h"
 #include "office_requests.h"
 #include "office_sandbox.h"
+#include "processor_time.h"
 #include "sanitized.h"
 #include "service/service_messages.h"
 
@@ -97,6 +98,7 @@ constexpr Target kTargets[] = {
 struct Request {
     const Target* target;
     std::chrono::seconds timeLimit;
+    std::uint64_t countedBytes;
 };
 
 /// @param longest what the program allows
@@ -106,13 +108,18 @@ std::optional<Request> parseRequest(std::string_view label, std::chrono::seconds
         return std::nullopt;
     }
     unsigned seconds = 0;
-    const std::string_view digits = label.substr(label.find(' ') + 1);
-    const auto [stop, error] = std::from_chars(digits.data(), digits.data() + digits.size(), seconds);
-    const bool isNumber = error == std::errc() && stop == digits.data() + digits.size();
-    if (!isNumber || seconds == 0 || seconds > kLongestTimeLimit) {
+    std::uint64_t countedBytes = 0;
+    const std::string_view numbers = label.substr(label.find(' ') + 1);
+    const char* end = numbers.data() + numbers.size();
+    const auto first = std::from_chars(numbers.data(), end, seconds);
+    if (first.ec != std::errc() || first.ptr == end || *first.ptr != ' ' || seconds == 0 || seconds > kLongestTimeLimit) {
         return std::nullopt;
     }
-    return Request{target, std::min(longest, std::chrono::seconds(seconds))};
+    const auto second = std::from_chars(first.ptr + 1, end, countedBytes);
+    if (second.ec != std::errc() || second.ptr != end) {
+        return std::nullopt;
+    }
+    return Request{target, std::min(longest, std::chrono::seconds(seconds)), countedBytes};
 }
 
 std::string takeError(LibreOfficeKit& suite) {
@@ -163,13 +170,13 @@ void limitProcessorTime(std::size_t bytes, std::chrono::seconds timeLimit) {
     constexpr std::size_t kSmallSeconds = 8;            // the start of the suite takes about one more
     constexpr std::size_t kBytesPerSecond = 1'000'000;  // of what is more than small
     constexpr std::size_t kSmallBytes = 9'000'000;      // compressed, a small mail can hold as much
-    timespec used{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
     const std::size_t needed = kSmallSeconds + (std::max(bytes, kSmallBytes) - kSmallBytes) / kBytesPerSecond;
     const auto allowed = static_cast<rlim_t>(timeLimit.count());
-    const rlim_t seconds = allowed > kUsualTimeLimit ? allowed : std::min<rlim_t>(needed, allowed);
+    const std::chrono::seconds seconds(allowed > kUsualTimeLimit ? allowed : std::min<rlim_t>(needed, allowed));
+    const auto end = usedProcessorTime() + seconds;
     std::signal(SIGXCPU, SIG_DFL);
-    setSoftLimit(RLIMIT_CPU, static_cast<rlim_t>(used.tv_sec) + seconds + 1);
+    setSoftLimit(RLIMIT_CPU, static_cast<rlim_t>(std::chrono::ceil<std::chrono::seconds>(end).count()));
+    endAtProcessorTime(end);
 }
 
 void answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessage& message, const Request& request,
@@ -178,10 +185,12 @@ void answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessa
     const fs::path target = directory / request.target->file;
     std::ofstream(source, std::ios::binary) << message.bytes;
     const EndInTime end(request.timeLimit);
-    limitProcessorTime(message.bytes.size(), request.timeLimit);
-    limitMemory(message.bytes.size());
+    const std::size_t counted = std::min<std::uint64_t>(message.bytes.size(), request.countedBytes);
+    limitProcessorTime(counted, request.timeLimit);
+    limitMemory(counted);
     const std::string reason = convert(suite, source, target, *request.target);
     setSoftLimit(RLIMIT_CPU, RLIM_INFINITY);
+    endAtProcessorTime(std::chrono::nanoseconds(0));
     std::ifstream stream(target, std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
     fs::remove(source);

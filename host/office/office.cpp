@@ -41,9 +41,9 @@ void requireSuite() {
     }
 }
 
-std::string requestLabel(OfficeTarget target, std::chrono::seconds limit) {
+std::string requestLabel(OfficeTarget target, const OfficeAccess& access) {
     const char* name = target == OfficeTarget::kPdf ? "pdf " : target == OfficeTarget::kText ? "text " : "html ";
-    return name + std::to_string(limit.count());
+    return name + std::to_string(access.timeLimit.count()) + " " + std::to_string(access.countedBytes);
 }
 
 ServiceCommand officeCommand(const std::string& directory) {
@@ -63,7 +63,7 @@ std::string convertInOffice(std::string_view rtf, OfficeTarget target, const Off
         throw LoadError("its text is too large to be laid out");
     }
     requireSuite();
-    auto answer = askService(access, requestLabel(target, access.timeLimit), rtf, kStartAllowance);
+    auto answer = askService(access, requestLabel(target, access), rtf, kStartAllowance);
     if (const ServiceFailure* failure = std::get_if<ServiceFailure>(&answer)) {
         switch (*failure) {
             case ServiceFailure::kNoWay:

@@ -8,7 +8,9 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -25,6 +27,8 @@ namespace ternview {
 struct ServiceAccess {
     int gate = -1;                       // stays its owner's
     std::chrono::seconds timeLimit{60};  // for one document
+    /// What a document may take goes by its size, and by no more bytes than these: little mails can be made into large documents.
+    std::uint64_t countedBytes = std::numeric_limits<std::uint64_t>::max();
 };
 
 enum class ServiceFailure {

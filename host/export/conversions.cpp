@@ -7,9 +7,8 @@
 #include "export/browser_page.h"
 #include "export/readable_text.h"
 #include "loaders/html_charset.h"
-#include "loaders/rtf_guard.h"
+#include "loaders/rtf_loader.h"
 #include "loaders/text_encoding.h"
-#include "office/office.h"
 
 namespace ternview {
 namespace {
@@ -23,18 +22,6 @@ DecodedHtml decode(std::string_view html) {
         throw LoadError("The message is too large to be shown.");
     }
     return decodeHtml(html);
-}
-
-/// A picture of no known kind makes the suite refuse the whole document; its text is worth more than its pictures.
-std::string convertRtf(std::string_view rtf, OfficeTarget target) {
-    if (!rtf.starts_with("{\\rtf")) {
-        throw LoadError("its text is damaged: it is no RTF");
-    }
-    try {
-        return convertInOffice(guardRtf(rtf, {}), target, usedOffice());
-    } catch (const OfficeRefusal&) {
-        return convertInOffice(guardRtf(rtf, {}, RtfPictures::kDropped), target, usedOffice());
-    }
 }
 
 std::string pageOfHtml(std::string_view html, const std::optional<std::filesystem::path>& directory, std::string_view title) {
@@ -53,7 +40,7 @@ std::string safeHtmlPage(const HandedDocument& document, std::string_view title)
         case ternkit::kFormatHtml:
             return pageOfHtml(document.bytes, document.file ? std::optional(document.file->parent_path()) : std::nullopt, title);
         case ternkit::kFormatRtf:
-            return pageOfHtml(kOfficeStyle + convertRtf(document.bytes, OfficeTarget::kHtml), std::nullopt, title);
+            return pageOfHtml(kOfficeStyle + convertRtf(document.bytes, {}, OfficeTarget::kHtml), std::nullopt, title);
         case ternkit::kFormatText:
             return browserPageOfText(decodeText(document.bytes), title);
         default:
@@ -67,7 +54,7 @@ std::string plainText(const HandedDocument& document) {
         case ternkit::kFormatHtml:
             return readableText(decode(document.bytes).text);
         case ternkit::kFormatRtf:
-            text = decodeText(convertRtf(document.bytes, OfficeTarget::kText));
+            text = decodeText(convertRtf(document.bytes, {}, OfficeTarget::kText));
             break;
         case ternkit::kFormatText:
             text = decodeText(document.bytes);

@@ -5,14 +5,16 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <vector>
 
 namespace ternview {
 namespace {
 
-// Groups that go, with everything in them.
-constexpr std::array<std::string_view, 14> kDroppedGroups{
-    "objdata",      "template",         "filetbl", "datastore", "mailmerge", "mmdatasource", "mmheadersource",
-    "mmconnectstr", "mmconnectstrdata", "mmquery", "mmodso",    "linkval",   "nextfile",     "subdocument",
+// Groups that go, with everything in them: those that name something, and comments, with which the suite, as a library, refuses
+// the whole document.
+constexpr std::array<std::string_view, 15> kDroppedGroups{
+    "objdata",          "template", "filetbl", "datastore", "mailmerge", "mmdatasource", "mmheadersource", "mmconnectstr",
+    "mmconnectstrdata", "mmquery",  "mmodso",  "linkval",   "nextfile",  "subdocument",  "annotation",
 };
 
 // Instructions that name nothing outside the document, or, as HYPERLINK, nothing that is looked at.
@@ -41,6 +43,14 @@ bool isDigit(char c) {
 bool isOneOf(const auto& name, const auto& names) {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
+
+constexpr std::int64_t kMostSubstitutes = 1 << 30;
+
+/// How many characters stand behind one that is given by number, in a group, and how many of them are still to come.
+struct Substitutes {
+    int perCharacter = 1;
+    int awaited = 0;
+};
 
 /// One step through RTF: a control word with its number and delimiter, a control symbol, a brace, or plain text up to those.
 struct Token {
@@ -94,6 +104,7 @@ public:
             }
             depth += token.raw == "{" ? 1 : 0;
             depth -= token.raw == "}" ? 1 : 0;
+            countSubstitutes(token);
             if (token.name == "bin") {
                 out_ += ' ';  // what stands on both sides must not become one word or one number
                 writeAsHex(takeBinary(token));
@@ -163,6 +174,7 @@ private:
             return false;
         }
         rest_.remove_prefix(2);
+        substitutes_.back().perCharacter = 1;
         out_ += "\\uc1\\u" + std::to_string(0xF000 + static_cast<int>(byte) - 0x10000) + " ?";
         return true;
     }
@@ -181,9 +193,33 @@ private:
         }
     }
 
+    /// Behind a character by number (\u) stand as many others as \uc says, for readers that know no numbers. The suite leaves
+    /// out so many of what follows in the group, and in groups within it, an instruction too.
+    void countSubstitutes(const Token& token) {
+        Substitutes& here = substitutes_.back();
+        if (token.raw == "{") {
+            substitutes_.push_back(Substitutes(here));
+        } else if (token.raw == "}") {
+            substitutes_.pop_back();
+        } else if (token.name == "u") {
+            here.awaited = here.perCharacter;
+        } else if (token.raw.starts_with("\\uc") && token.raw.size() > 3 && isDigit(token.raw[3])) {
+            here.perCharacter = static_cast<int>(std::min<std::int64_t>(token.number, kMostSubstitutes));
+        } else if (token.raw == "\\'" && here.awaited > 0) {
+            ++here.awaited;  // one character, and two digits come
+        } else if (token.raw.front() != '\\') {
+            const auto isCounted = [](char c) { return c != '\r' && c != '\n'; };
+            const auto count = std::count_if(token.raw.begin(), token.raw.end(), isCounted);
+            here.awaited = static_cast<int>(std::max<std::int64_t>(0, here.awaited - count));
+        }
+    }
+
     /// Looks for the first word of the instruction behind nothing but formatting. A word that is put together from pieces or
     /// escapes is none that an honest program writes.
     bool isHarmlessField() const {
+        if (substitutes_.back().awaited != 0) {
+            return false;  // its beginning is not what counts
+        }
         std::string_view ahead = rest_;
         while (!ahead.empty()) {
             const Token token = readToken(ahead);
@@ -213,7 +249,8 @@ private:
     std::string_view rest_;
     RtfPictures pictures_;
     bool isDoubleByte_ = false;
-    bool isBullet_ = false;  // the text of a bullet begins here
+    bool isBullet_ = false;                         // the text of a bullet begins here
+    std::vector<Substitutes> substitutes_{{}, {}};  // of the open groups, and outside of all
     std::string out_;
 };
 

@@ -51,8 +51,16 @@ constexpr char kProfile[] = R"(<?xml version="1.0" encoding="UTF-8"?>
 <item oor:path="/org.openoffice.Office.Recovery/AutoSave"><prop oor:name="Enabled" oor:op="fuse"><value>false</value></prop></item>
 <item oor:path="/org.openoffice.Office.Recovery/RecoveryInfo"><prop oor:name="Enabled" oor:op="fuse"><value>false</value></prop></item>
 <item oor:path="/org.openoffice.Office.Common/Misc"><prop oor:name="UseOpenCL" oor:op="fuse"><value>false</value></prop></item>
-</oor:items>
 )";
+
+// Kinds of pictures that RTF does not know, by whatever way they come (as a part of another one, too): some name further files,
+// as SVG does and SVM, which may hold it, and some want programs run.
+constexpr const char* kUnreadPictures[] = {
+    "dxf_Import",      "emz_Import",       "eps_Import",        "met_Import", "mov_Import",  "pbm_Import",
+    "pcd_Import_Base", "pcd_Import_Base4", "pcd_Import_Base16", "pcx_Import", "pdf_Import",  "pgm_Import",
+    "ppm_Import",      "psd_Import",       "ras_Import",        "svg_Import", "svgz_Import", "svm_Import",
+    "tga_Import",      "tif_Import",       "webp_Import",       "wmz_Import", "xbm_Import",  "xpm_Import",
+};
 
 // Pictures go into the PDF as they are: they are drawn at the page's resolution afterwards.
 constexpr char kPdfOptions[] =
@@ -67,10 +75,20 @@ constexpr char kFonts[] = R"(<?xml version="1.0"?>
 </fontconfig>
 )";
 
+std::string profile() {
+    std::string text = kProfile;
+    for (const char* kind : kUnreadPictures) {
+        text += "<item oor:path=\"/org.openoffice.TypeDetection.GraphicFilter/Filters\"><node oor:name=\"";
+        text += kind;
+        text += "\" oor:op=\"remove\"/></item>\n";
+    }
+    return text + "</oor:items>\n";
+}
+
 LibreOfficeKit* startSuite(const fs::path& suite, const std::string& directory) {
-    const fs::path profile = fs::path(directory) / "profile";
-    fs::create_directories(profile / "user");
-    std::ofstream(profile / "user" / "registrymodifications.xcu") << kProfile;
+    const fs::path home = fs::path(directory) / "profile";
+    fs::create_directories(home / "user");
+    std::ofstream(home / "user" / "registrymodifications.xcu") << profile();
     std::ofstream(fs::path(directory) / kOfficeFonts) << kFonts;
     void* library = nullptr;
     for (const char* name : {"libsofficeapp.so", "libmergedlo.so"}) {
@@ -78,7 +96,7 @@ LibreOfficeKit* startSuite(const fs::path& suite, const std::string& directory) 
     }
     using Hook = LibreOfficeKit* (*)(const char*, const char*);
     const auto hook = library != nullptr ? reinterpret_cast<Hook>(::dlsym(library, "libreofficekit_hook_2")) : nullptr;
-    return hook != nullptr ? hook(suite.c_str(), ("file://" + profile.string()).c_str()) : nullptr;
+    return hook != nullptr ? hook(suite.c_str(), ("file://" + home.string()).c_str()) : nullptr;
 }
 
 struct Target {
@@ -179,8 +197,11 @@ void limitProcessorTime(std::size_t bytes, std::chrono::seconds timeLimit) {
     endAtProcessorTime(end);
 }
 
-void answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessage& message, const Request& request,
+/// @return whether the process is good for another document. One that refuses a document late ends: the same document may come
+/// again without its pictures, and both together would take too long for one process.
+bool answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessage& message, const Request& request,
             FrameWriter& out) {
+    constexpr std::chrono::seconds kLate{1};
     const fs::path source = directory / "message.rtf";
     const fs::path target = directory / request.target->file;
     std::ofstream(source, std::ios::binary) << message.bytes;
@@ -188,7 +209,9 @@ void answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessa
     const std::size_t counted = std::min<std::uint64_t>(message.bytes.size(), request.countedBytes);
     limitProcessorTime(counted, request.timeLimit);
     limitMemory(counted);
+    const auto begun = usedProcessorTime();
     const std::string reason = convert(suite, source, target, *request.target);
+    const bool isLate = usedProcessorTime() - begun > kLate;
     setSoftLimit(RLIMIT_CPU, RLIM_INFINITY);
     endAtProcessorTime(std::chrono::nanoseconds(0));
     std::ifstream stream(target, std::ios::binary);
@@ -197,11 +220,12 @@ void answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessa
     fs::remove(target);
     if (!reason.empty() || bytes.empty() || bytes.size() > kLargestServiceMessage) {
         out.result(reason.empty() ? "nothing to show came of it, or too much" : reason);
-        return;
+        return !isLate;
     }
     out.begin(request.target->answer);
     out.data(bytes);
     out.end();
+    return true;
 }
 
 std::optional<ServiceMessage> readInTime(int socket, std::chrono::seconds limit) {
@@ -209,7 +233,8 @@ std::optional<ServiceMessage> readInTime(int socket, std::chrono::seconds limit)
     return readServiceMessage(socket);
 }
 
-void serve(LibreOfficeKit*& suite, const fs::path& directory, const fs::path& suiteDirectory, int socket,
+/// @return whether the process goes on
+bool serve(LibreOfficeKit*& suite, const fs::path& directory, const fs::path& suiteDirectory, int socket,
            std::chrono::seconds timeLimit) {
     const timeval patience{5, 0};  // an asker that was stopped while it wrote must not hold the others up
     for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
@@ -219,7 +244,7 @@ void serve(LibreOfficeKit*& suite, const fs::path& directory, const fs::path& su
     const std::optional<Request> request =
         message && message->kind == FrameKind::kDocument ? parseRequest(message->label, timeLimit) : std::nullopt;
     if (!request) {
-        return;
+        return true;
     }
     FrameWriter out(socket);
     // Started with a document at hand only: one that cannot start is that document's failure, not an endless row of attempts.
@@ -228,9 +253,9 @@ void serve(LibreOfficeKit*& suite, const fs::path& directory, const fs::path& su
     }
     if (suite == nullptr) {
         out.result("it does not start");
-        return;
+        return true;
     }
-    answer(*suite, directory, *message, *request, out);
+    return answer(*suite, directory, *message, *request, out);
 }
 
 }  // namespace
@@ -250,13 +275,14 @@ int main(int argc, char** argv) {
         ::_exit(EXIT_FAILURE);
     }
     LibreOfficeKit* suite = nullptr;
-    for (int i = 0; i < kDocumentsPerProcess; ++i) {
+    bool goesOn = true;
+    for (int i = 0; i < kDocumentsPerProcess && goesOn; ++i) {
         const std::optional<Descriptor> socket = receiveThroughGate(gate);
         if (!socket) {
             break;
         }
         try {
-            serve(suite, directory, suiteDirectory, socket->get(), timeLimit);
+            goesOn = serve(suite, directory, suiteDirectory, socket->get(), timeLimit);
         } catch (const std::exception&) {
             // The asker has gone; the next one counts.
         }

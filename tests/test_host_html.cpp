@@ -217,6 +217,10 @@ TEST(HtmlGuard, BoundsElementsAndText) {
     EXPECT_LT(guardHtml(std::string(std::size_t{50} << 20, 'a')).html.size(), std::size_t{21} << 20);
     EXPECT_LT(guardHtml(repeated("ab ", 2'000'000)).html.size(), std::size_t{4'000'000});
     EXPECT_FALSE(guardHtml("<p>short").shortened);
+    // Words look for their style in all that they stand in.
+    const std::string words = repeated("a ", 250'000);
+    EXPECT_FALSE(guardHtml(repeated("<div>", 30) + words).shortened);
+    EXPECT_TRUE(guardHtml(repeated("<div>", 75) + words).shortened);
     // Each paragraph would repeat a thousand open fonts.
     std::string fonts;
     for (int i = 0; i < 1000; ++i) {
@@ -341,7 +345,12 @@ TEST(HtmlGuard, BoundsWhatTheEngineWillHold) {
     for (int level = -3000; level < 3000; ++level) {
         levels.insert(guardHtml("<p style='z-index:" + std::to_string(level) + "'>").html);
     }
-    EXPECT_LT(levels.size(), 50U);
+    for (std::string level = "1"; level.size() < 300; level += '0') {
+        levels.insert(guardHtml("<p style='z-index:" + level + "'>").html);
+    }
+    EXPECT_LT(levels.size(), 25U);
+    EXPECT_EQ(longRule("opacity:inherit").find("opacity"), std::string::npos);
+    EXPECT_NE(longRule("opacity:.5").find("opacity:0.5;"), std::string::npos);
     const SafeHtml document =
         guardHtml(repeated("<p>A paragraph of ordinary length, which nobody would want to lose.</p>\r\n", 20'000));
     EXPECT_FALSE(document.shortened) << "more than a megabyte of ordinary text";
@@ -503,6 +512,22 @@ TEST(HtmlPictures, RefusesHugeOnesBeforeDecoding) {
               0);
 }
 
+TEST(HtmlPictures, EndAtTheLastScanThatIsWorthReading) {
+    // Eight grey points, scans that add nothing to them, and one that makes them white.
+    const auto photograph = [](std::size_t scans) {
+        const std::string scan = "\xFF\xDA\x00\x08\x01\x01\x00"s;
+        std::string file = "\xFF\xD8\xFF\xDB\x00\x43\x00"s + std::string(64, '\1');
+        file += "\xFF\xC2\x00\x0B\x08\x00\x08\x00\x08\x01\x01\x11\x00"s;
+        file += "\xFF\xC4\x00\x15\x00\x01\x01"s + std::string(14, '\0') + "\x00\x0A"s;
+        file += "\xFF\xC4\x00\x14\x10\x01"s + std::string(15, '\0') + "\x00"s;
+        file += scan + "\x00\x00\x00\x7F"s + repeated(scan + "\x01\x3F\x00\x7F"s, scans);
+        file += scan + "\x00\x00\x00\xBF\x8F\xFF\xD9"s;
+        return "<img src=\"data:image/jpeg;base64," + base64(file) + "\">";
+    };
+    EXPECT_EQ(countOf(photograph(10), 0x808080), 0);
+    EXPECT_EQ(countOf(photograph(60), 0x808080), 64);
+}
+
 std::string vectorImage(const std::string& size, const std::string& content) {
     return "<img src=\"data:image/svg+xml;base64," +
            base64("<svg xmlns='http://www.w3.org/2000/svg' xmlns:xlink='http://www.w3.org/1999/xlink' width='" + size +
@@ -602,8 +627,25 @@ TEST(HtmlPages, AreBounded) {
         return ternview::planPages(items, 1000, 10).pages.at(0).firstLayer;
     };
     EXPECT_EQ(lowestLayer(100), 0U);
-    EXPECT_GT(lowestLayer(20'000), 10'000U);
-    EXPECT_LT(lowestLayer(20'000), 19'900U);
+    EXPECT_GT(lowestLayer(40'000), 10'000U);
+    EXPECT_LT(lowestLayer(40'000), 39'900U);
+    // Nor are all of those whose dots go on over thousands of pages.
+    const auto pagesWithBorder = [](ternview::BorderItem::Style style, float width) {
+        constexpr double kHeight = 1e6;
+        ternview::DisplayItems items;
+        for (int i = 0; i < 40; ++i) {
+            auto border = std::make_unique<ternview::BorderItem>();
+            border->sides.fill({width, style, {}});
+            const ternview::Box box{0, 0, 700, kHeight};
+            items.push_back({.box = box, .clip = box, .content = std::move(border)});
+        }
+        const ternview::PagePlan plan = ternview::planPages(items, 1000, 2000);
+        return std::ranges::count(plan.pages, 0U, &ternview::PagePlan::Page::firstLayer);
+    };
+    using Style = ternview::BorderItem::Style;
+    EXPECT_GT(pagesWithBorder(Style::Solid, 1), pagesWithBorder(Style::Dotted, 5));
+    EXPECT_GT(pagesWithBorder(Style::Dotted, 5), pagesWithBorder(Style::Dotted, 1));
+    EXPECT_LT(pagesWithBorder(Style::Dotted, 1), 50);
 }
 
 TEST(HtmlLayout, WideTablesAreScaledToThePaper) {

@@ -427,6 +427,11 @@ TEST(HtmlGuard, PutsHintsBelowRules) {
     const std::string cell = "<font color=red face=Arial size=5><b><table><tr><td>x";
     EXPECT_NE(guardHtml(cell).html.find("<td><span style=\"color:red;font-family:Arial;\">x"), std::string::npos)
         << guardHtml(cell).html;
+    // The innermost ones do, once, however many there are.
+    const std::string nested = "<b style='color:red!important;color:blue;color:" + std::string(600, 'x') + "'>" +
+                               "<i style='font-family:A;color:inherit;font-family:B'><table><td>x";
+    EXPECT_NE(guardHtml(nested).html.find("<td><span style=\"color:red!important;font-family:B;\">x"), std::string::npos)
+        << guardHtml(nested).html;
     EXPECT_NE(guardHtml("<!DOCTYPE html>" + cell).html.find("size:24px;\"><b>x"), std::string::npos);
 }
 

@@ -237,6 +237,24 @@ std::vector<Markup> makeHtml() {
              return repeated("<span style=\"" + repeated("color:red;", 30'000) + "\">", size / 2) + "<table>" +
                     repeated("<tr><td>", size / 2);
          }},
+        {"tables in styled text",
+         [](std::size_t size) {
+             return repeated("<span style=\"" + repeated("color:red;", 30'000) + "\">", size / 2) +
+                    repeated("<table></table>", size / 2);
+         }},
+        {"words in deep elements with levels",
+         [](std::size_t size) {
+             std::string levels;
+             for (std::string level = "1"; level.size() < 300; level += '0') {
+                 levels += "<b style=\"position:relative;z-index:" + level + "\">x</b>";
+             }
+             return levels + repeated("<div dir=auto>", 75 * 14) + repeated("1 ", size);
+         }},
+        {"dotted borders of many pages",
+         [](std::size_t size) {
+             return repeated("<div style=\"border:1px dotted red\">", size / 2) +
+                    repeated("<p style=\"height:19000px\">x</p>", size / 2);
+         }},
         {"one long word", [](std::size_t size) { return repeated("a", size); }},
         {"one long name", [](std::size_t size) { return "<" + repeated("a", size) + ">x"; }},
         {"one long attribute", [](std::size_t size) { return "<p title=\"" + repeated("a ", size) + "\">x"; }},

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -73,24 +74,30 @@ std::optional<PangoDirection> firstDirection(std::string_view text) {
     return std::nullopt;
 }
 
-std::optional<PangoDirection> firstDirection(const element::ptr& from) {
+/// Of elements that are not empty, so that each is looked through once, however many around it ask.
+using FirstDirections = std::unordered_map<const element*, std::optional<PangoDirection>>;
+
+std::optional<PangoDirection> firstDirection(const element::ptr& from, FirstDirections& known) {
     if (from->get_children_count() == 0) {
         std::string text;
         from->get_text(text);
         return firstDirection(std::string_view(text));
     }
-    for (std::size_t i = 0; i < from->get_children_count(); ++i) {
-        if (const auto direction = firstDirection(from->get_child(static_cast<int>(i)))) {
-            return direction;
-        }
+    if (const auto found = known.find(from.get()); found != known.end()) {
+        return found->second;
     }
-    return std::nullopt;
+    std::optional<PangoDirection> direction;
+    for (std::size_t i = 0; i < from->get_children_count() && !direction; ++i) {
+        direction = firstDirection(from->get_child(static_cast<int>(i)), known);
+    }
+    known.emplace(from.get(), direction);
+    return direction;
 }
 
-bool isRightToLeft(const element::ptr& of, bool inherited) {
+bool isRightToLeft(const element::ptr& of, bool inherited, FirstDirections& known) {
     const auto viewOf = [](const char* text) { return text == nullptr ? std::string_view() : text; };
     if (viewOf(of->get_attr("dir")) == "auto") {
-        return firstDirection(of) == PANGO_DIRECTION_RTL;
+        return firstDirection(of, known) == PANGO_DIRECTION_RTL;
     }
     const std::string_view direction = viewOf(of->get_style_property("direction", false, nullptr));
     return direction == "rtl" || (direction != "ltr" && inherited);
@@ -111,8 +118,8 @@ void replaceTexts(litehtml::html_tag& of) {
     }
 }
 
-void prepare(const element::ptr& of, bool inherited) {
-    const bool rightToLeft = isRightToLeft(of, inherited);
+void prepare(const element::ptr& of, bool inherited, FirstDirections& known) {
+    const bool rightToLeft = isRightToLeft(of, inherited, known);
     if (auto* mended = dynamic_cast<MendedElement*>(of.get())) {
         mended->setDirection(rightToLeft);
     }
@@ -120,7 +127,7 @@ void prepare(const element::ptr& of, bool inherited) {
         replaceTexts(*tag);
     }
     for (std::size_t i = 0; i < of->get_children_count(); ++i) {
-        prepare(of->get_child(static_cast<int>(i)), rightToLeft);
+        prepare(of->get_child(static_cast<int>(i)), rightToLeft, known);
     }
 }
 
@@ -270,7 +277,8 @@ void orderLine(litehtml::box& box, bool rightToLeft) {
 }  // namespace
 
 void prepareDirections(const element::ptr& root) {
-    prepare(root, false);
+    FirstDirections known;
+    prepare(root, false, known);
 }
 
 void orderLines(const element::ptr& root) {

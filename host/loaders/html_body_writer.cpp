@@ -38,6 +38,39 @@ bool isWrittenTable(const OpenElement& element) {
     return element.kind == TagKind::Table && element.emitted == "table";
 }
 
+/// Takes a declaration for one that stood in front of it, unless that was more important.
+void takeOver(std::string& declaration, std::string_view later) {
+    constexpr std::size_t kLongest = 500;
+    constexpr std::string_view kImportant = "!important";
+    const bool outranked = declaration.ends_with("!important;") && !later.ends_with(kImportant);
+    if (later.size() <= kLongest && !outranked && !later.ends_with(":inherit")) {
+        declaration = std::string(later) + ";";
+    }
+}
+
+/// Of the hints and the style of a start tag.
+InlineStyle inheritedStyle(std::string_view tag) {
+    InlineStyle result;
+    for (const std::string_view attribute : {"hints", "style"}) {
+        std::string_view rest = writtenAttribute(tag, attribute).value_or(std::string_view());
+        while (!rest.empty()) {
+            std::size_t end = std::min(rest.find(';'), rest.size());
+            const auto endsReference = [&](std::string_view name) { return rest.substr(0, end).ends_with(name); };
+            while (end < rest.size() && (endsReference("&quot") || endsReference("&amp") || endsReference("&lt"))) {
+                end = std::min(rest.find(';', end + 1), rest.size());
+            }
+            const std::string_view declaration = rest.substr(0, end);
+            if (declaration.starts_with("color:")) {
+                takeOver(result.color, declaration);
+            } else if (declaration.starts_with("font-family:")) {
+                takeOver(result.families, declaration);
+            }
+            rest.remove_prefix(std::min(end + 1, rest.size()));
+        }
+    }
+    return result;
+}
+
 }  // namespace
 
 bool mayKeepBlanks(std::string_view css) {
@@ -48,31 +81,24 @@ bool mayKeepBlanks(std::string_view css) {
     return has("white-space") && has("pre");
 }
 
+InlineTag inlineTag(const std::string& name, std::string startTag) {
+    auto style = std::make_shared<InlineStyle>(inheritedStyle(startTag));
+    return {name, std::make_shared<std::string>(std::move(startTag)), std::move(style)};
+}
+
 std::vector<InlineTag> inheritedInQuirks(const std::vector<InlineTag>& inlines) {
-    std::string style;
+    InlineStyle innermost;
     std::vector<InlineTag> result;
     for (const InlineTag& tag : inlines) {
         if (tag.name == "a") {
             result.push_back(tag);
             continue;
         }
-        for (const std::string_view attribute : {"hints", "style"}) {
-            std::string_view rest = writtenAttribute(*tag.startTag, attribute).value_or(std::string_view());
-            while (!rest.empty()) {
-                std::size_t end = std::min(rest.find(';'), rest.size());
-                const auto endsReference = [&](std::string_view name) { return rest.substr(0, end).ends_with(name); };
-                while (end < rest.size() && (endsReference("&quot") || endsReference("&amp") || endsReference("&lt"))) {
-                    end = std::min(rest.find(';', end + 1), rest.size());
-                }
-                if (rest.starts_with("color:") || rest.starts_with("font-family:")) {
-                    style += std::string(rest.substr(0, end)) + ";";
-                }
-                rest.remove_prefix(std::min(end + 1, rest.size()));
-            }
-        }
+        innermost.color = tag.style->color.empty() ? innermost.color : tag.style->color;
+        innermost.families = tag.style->families.empty() ? innermost.families : tag.style->families;
     }
-    if (!style.empty()) {
-        result.insert(result.begin(), {"span", std::make_shared<std::string>("<span style=\"" + style + "\">")});
+    if (const std::string style = innermost.color + innermost.families; !style.empty()) {
+        result.insert(result.begin(), inlineTag("span", "<span style=\"" + style + "\">"));
     }
     return result;
 }
@@ -142,7 +168,7 @@ void HtmlBodyWriter::closeTop() {
     m_body += top.emitted.empty() ? std::string() : "</" + top.emitted + ">";
     m_body += top.boxed ? "</div>" : "";
     if (top.kind == TagKind::Inline) {
-        m_pending.insert(m_pending.begin(), {top.name, std::move(top.startTag)});
+        m_pending.insert(m_pending.begin(), {top.name, std::move(top.startTag), std::move(top.style)});
     } else if (isBoundary(top.kind)) {
         m_pending = std::move(top.outside);
         m_tableDepth -= isWrittenTable(top) ? 1 : 0;
@@ -201,6 +227,7 @@ void HtmlBodyWriter::resumeInlines() {
         element.keepsBlanks = keepsBlanks() || mayKeepBlanks(*tag.startTag);
         element.preformatted = isPreformatted({}, *tag.startTag, !m_open.empty() && m_open.back().preformatted);
         element.startTag = std::move(tag.startTag);
+        element.style = std::move(tag.style);
         m_open.push_back(std::move(element));
     }
 }
@@ -245,7 +272,7 @@ void HtmlBodyWriter::addVoid(const std::string& name, const std::string& attribu
 
 void HtmlBodyWriter::addText(std::string_view text) {
     const std::string safe = safeText(text, keepsBlanks());
-    const std::string_view fitting = m_budget.payText(safe, m_body.size(), m_tableDepth);
+    const std::string_view fitting = m_budget.payText(safe, m_body.size(), m_open.size(), m_tableDepth);
     if (m_budget.isTableTooDeep(m_tableDepth)) {
         closeNestedTables();
     }

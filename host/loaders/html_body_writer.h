@@ -11,14 +11,24 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace ternview {
 
+/// What tables inherit of the style of an inline element in documents without a modern document type: declarations, or empty.
+struct InlineStyle {
+    std::string color;
+    std::string families;
+};
+
 struct InlineTag {
     std::string name;
-    std::shared_ptr<const std::string> startTag;  // one for all cells of a table, however many they are
+    // One for all tables and their cells, however many they are.
+    std::shared_ptr<const std::string> startTag;
+    std::shared_ptr<const InlineStyle> style;
 };
+InlineTag inlineTag(const std::string& name, std::string startTag);
 
 struct TableState {
     TableAttributes attributes;
@@ -34,6 +44,7 @@ struct OpenElement {
     TagKind kind = TagKind::Block;
     ChildAlignment alignment = ChildAlignment::Default;
     std::shared_ptr<const std::string> startTag;  // of an inline element, or the attributes of a table, to repeat it
+    std::shared_ptr<const InlineStyle> style;     // of an inline element
     std::vector<InlineTag> outside;               // of a table part: the inline elements that go on behind it
     TableState table;
     int nextNumber = 1;         // of a numbered list

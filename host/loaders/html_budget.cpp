@@ -86,15 +86,17 @@ bool HtmlBudget::payElement(const std::string& name, std::string_view attributes
     return true;
 }
 
-std::string_view HtmlBudget::payText(std::string_view text, std::size_t written, std::size_t tableDepth) {
+std::string_view HtmlBudget::payText(std::string_view text, std::size_t written, std::size_t depth, std::size_t tableDepth) {
+    const double price = std::max(1.0, static_cast<double>(depth) / kDepthOfOnePiece);
     std::size_t pieces = 0;
     const std::size_t used = m_elementMemory + m_pieces * kPieceBytes;
     const std::size_t left = used < kMaxMemory ? (kMaxMemory - used) / kPieceBytes : 0;
     const std::size_t room = kMaxTextBytes - std::min(written, kMaxTextBytes);
-    const std::string_view fitting = firstPieces(text.substr(0, room), left, pieces);
+    const auto affordable = static_cast<std::size_t>(static_cast<double>(left) / price);
+    const std::string_view fitting = firstPieces(text.substr(0, room), affordable, pieces);
     m_full = m_full || fitting.size() < text.size();
     m_shortened = m_shortened || m_full;
-    m_pieces += pieces;
+    m_pieces += static_cast<std::size_t>(static_cast<double>(pieces) * price);
     payLayouts(static_cast<double>(pieces), tableDepth);
     return fitting;
 }

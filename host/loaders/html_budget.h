@@ -23,7 +23,8 @@ public:
     bool payElement(const std::string& name, std::string_view attributes);
     /// The start of a text that there is room for, paid for.
     /// @param written how much text there is already
-    std::string_view payText(std::string_view text, std::size_t written, std::size_t tableDepth);
+    /// @param depth of the element that the text stands in
+    std::string_view payText(std::string_view text, std::size_t written, std::size_t depth, std::size_t tableDepth);
     /// How many pieces the engine makes of a text.
     static double pieces(std::string_view text);
     void payBlank() { ++m_pieces; }
@@ -59,6 +60,7 @@ private:
     static constexpr std::size_t kElementBytes = 2600;
     static constexpr std::size_t kPieceBytes = 480;
     static constexpr std::size_t kAttributeFactor = 24;
+    static constexpr double kDepthOfOnePiece = 35;  // where elements are nested deeper, a piece counts as more than one
     static constexpr std::size_t kMaxMemory = std::size_t{300} << 20;
     static constexpr std::size_t kMaxElementMemory = std::size_t{200} << 20;  // the rest is kept for text
     static constexpr std::size_t kMaxElements = 80'000;

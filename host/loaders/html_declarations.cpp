@@ -368,15 +368,16 @@ std::size_t countVariables(std::string_view value) {
     return count;
 }
 
-/// The engine goes through a whole document for each level that anything in it stands on, so there are few: levels that are
-/// far up count as the same when they are near each other.
+/// The engine goes through a whole document for each level that anything in it stands on, so there are few: one below the text,
+/// and those that are far up count as the same when they are near each other.
 std::string coarseLevel(std::string_view value) {
     constexpr double kFine = 10;
-    constexpr double kStepsInDecade = 4;
-    const bool below = value.starts_with('-');
-    const double level = readNumber(value.substr(below ? 1 : 0)).value;
-    const double coarse = level <= kFine ? level : kFine + std::floor(kStepsInDecade * std::log10(level / kFine));
-    return (below ? "-" : "") + shortNumber(std::floor(coarse), 0);
+    constexpr double kHighest = 2147483647;  // as for browsers
+    if (value.starts_with('-')) {
+        return "-1";
+    }
+    const double level = std::min(readNumber(value).value, kHighest);
+    return shortNumber(std::floor(level <= kFine ? level : kFine + std::log10(level / kFine)), 0);
 }
 
 /// Says in words of the engine what it would misunderstand; false when there are none.
@@ -405,9 +406,13 @@ bool mend(Declaration& declaration) {
         name = "font-size";
         value = "1px";
     } else if (name == "opacity") {
-        const Number number = readNumber(value);
-        const double opacity = number.value / (number.unit == "%" ? 100 : 1);
-        if (number.size > 0 && opacity < kInvisible) {
+        const bool negative = value.starts_with('-');
+        const Number number = readNumber(std::string_view(value).substr(negative ? 1 : 0));
+        const double opacity = negative ? 0 : number.value / (number.unit == "%" ? 100 : 1);
+        if (number.size == 0) {
+            return false;  // a word or a variable, for which the engine has nothing
+        }
+        if (opacity < kInvisible) {
             name = "visibility";
             value = "hidden";
         } else {

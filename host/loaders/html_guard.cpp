@@ -256,7 +256,7 @@ private:
             payElementLayout();
             m_body.open(token, TagKind::Block, token.name, attributes + linkOf(token));
         } else if (m_body.openInlines() < HtmlBudget::kMaxInlines) {
-            m_body.openInline({token.name, std::make_shared<std::string>("<" + token.name + attributes + linkOf(token) + ">")});
+            m_body.openInline(inlineTag(token.name, "<" + token.name + attributes + linkOf(token) + ">"));
         }
     }
 

@@ -28,10 +28,17 @@ double area(const Box& box) {
     return box.empty() ? 0 : box.width * box.height;
 }
 
-bool isBroken(const BorderItem& border) {
-    return std::ranges::any_of(border.sides, [](const BorderItem::Side& side) {
-        return side.style == BorderItem::Style::Dotted || side.style == BorderItem::Style::Dashed;
-    });
+/// From one dot or dash of a border to the next at least; 0 when it has none.
+double distanceOfDots(const BorderItem& border) {
+    double least = 0;
+    for (const BorderItem::Side& side : border.sides) {
+        const bool dotted = side.style == BorderItem::Style::Dotted;
+        if (side.width > 0 && (dotted || side.style == BorderItem::Style::Dashed)) {
+            const double distance = dotted ? side.width * 2 : std::max(side.width * 3.5, 5.0);
+            least = least > 0 ? std::min(least, distance) : distance;
+        }
+    }
+    return least;
 }
 
 /// What painting an item on a page costs at most, in units of filling half of a square as high as the page.
@@ -39,7 +46,7 @@ double paintingCost(const DisplayItem& item, const PagePlan::Page& page, double 
     constexpr double kFill = 2;
     constexpr double kGradient = 6;
     constexpr double kPicture = 40;
-    constexpr double kDotsAlongThePage = 2;
+    constexpr double kDot = 0.01;
     const Box band{std::max(item.box.x, 0.0), page.top, pageHeight, page.bottom - page.top};
     const Box seen = item.box.intersected(item.clip).intersected(band);
     const double share = area(seen) / (pageHeight * pageHeight);
@@ -50,8 +57,9 @@ double paintingCost(const DisplayItem& item, const PagePlan::Page& page, double 
         return share * kPicture * (1 + points / std::max(area((*picture)->tile), 1.0));
     }
     if (const auto* border = std::get_if<std::unique_ptr<BorderItem>>(&item.content)) {
-        const double dots = isBroken(**border) && !seen.empty() ? kDotsAlongThePage * (seen.width + seen.height) / pageHeight : 0;
-        return share * kFill + dots;
+        const double distance = distanceOfDots(**border) * item.scale;
+        const double dots = distance > 0 && !seen.empty() ? 2 * (seen.width + seen.height) / distance : 0;
+        return share * kFill + dots * kDot;
     }
     const bool gradient = std::holds_alternative<std::unique_ptr<GradientItem>>(item.content);
     return gradient ? share * kGradient : std::holds_alternative<FillItem>(item.content) ? share * kFill : 0;
@@ -59,8 +67,8 @@ double paintingCost(const DisplayItem& item, const PagePlan::Page& page, double 
 
 /// Finds the lowest layer of each page that is worth painting: hundreds of pictures of the page's size may lie upon each other.
 void limitLayers(PagePlan& plan, const DisplayItems& items, double pageHeight) {
-    constexpr double kFreeOnEachPage = 150;
-    double left = 5000;  // for pages that take more
+    constexpr double kFreeOnEachPage = 5;
+    double left = 25'000;  // for pages that take more
     for (PagePlan::Page& page : plan.pages) {
         double spent = 0;
         auto own = page.items.rbegin();

@@ -124,6 +124,17 @@ CairoSurface surfaceOf(const GdkPixbuf* pixbuf) {
     return surface;
 }
 
+/// A photograph up to its last scan that is worth reading. Each is a pass over all pixels, however few bytes it takes.
+std::string_view withFewScans(std::string_view jpeg) {
+    constexpr std::size_t kMost = 30;
+    constexpr std::string_view kStartOfScan = "\xFF\xDA";
+    std::size_t at = jpeg.find(kStartOfScan);
+    for (std::size_t count = 0; count < kMost && at != std::string_view::npos; ++count) {
+        at = jpeg.find(kStartOfScan, at + kStartOfScan.size());
+    }
+    return jpeg.substr(0, at);
+}
+
 /// Lets the PDF output take a photograph over as it is.
 void attachJpeg(cairo_surface_t* surface, std::string_view data) {
     auto copy = std::make_unique<std::string>(data);
@@ -137,6 +148,8 @@ void attachJpeg(cairo_surface_t* surface, std::string_view data) {
 
 std::optional<Picture> rasterPicture(std::string_view data, const char* format, double maxPixels) {
     bool turned = false;
+    const bool jpeg = std::string_view(format) == "jpeg";
+    data = jpeg ? withFewScans(data) : data;
     const Pixbuf pixbuf = decodeRaster(data, format, maxPixels, turned);
     if (!pixbuf) {
         return std::nullopt;
@@ -144,7 +157,7 @@ std::optional<Picture> rasterPicture(std::string_view data, const char* format, 
     const int width = gdk_pixbuf_get_width(pixbuf.get());
     const int height = gdk_pixbuf_get_height(pixbuf.get());
     Picture picture{surfaceOf(pixbuf.get()), static_cast<double>(width), static_cast<double>(height)};
-    if (std::string_view(format) == "jpeg" && !turned) {
+    if (jpeg && !turned) {
         attachJpeg(picture.surface.get(), data);
     }
     return picture;

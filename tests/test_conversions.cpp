@@ -286,6 +286,7 @@ TEST(PageStyles, SheetsKeepTheirRules) {
         {"other rules", "@page x{size:1px}@keyframes k{from{top:0}}@charset 'x';@supports (a:b){c{color:red}}d{color:red}",
          "d{color:red;}\n"},
         {"rule that is not closed", "a{color:red;b{color:blue", "a{color:red;}\n"},
+        {"escape at the end", "p\\3a  {color:red}", "p\\3a {color:red;}\n"},
         {"escaped names", ".\\31 a\\3a b{color:red}", ".\\31 a\\3a b{color:red;}\n"},
     };
     for (const Case& c : cases) {

@@ -257,12 +257,12 @@ public:
     /// @return empty when some part is not known to be harmless: a browser that does not know a part drops the rule, too
     std::string write() {
         bool good = true;
+        std::size_t end = 0;  // without whitespace behind; a space may end an escape, too
         for (CssToken token = m_tokens.next(); good && token.kind != Kind::kEnd; token = m_tokens.next()) {
             good = writeToken(token) && m_parts <= kMostSelectorParts;
+            end = token.kind == Kind::kWhitespace ? end : m_out.size();
         }
-        while (m_out.ends_with(' ')) {
-            m_out.pop_back();
-        }
+        m_out.resize(end);
         return good && m_closer == '\0' ? std::move(m_out) : std::string();
     }
     std::size_t count() const { return m_count; }

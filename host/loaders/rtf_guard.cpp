@@ -50,6 +50,39 @@ constexpr std::int64_t kMostSubstitutes = 1 << 30;
 struct Substitutes {
     int perCharacter = 1;
     int awaited = 0;
+    bool operator==(const Substitutes&) const = default;
+};
+
+/// What holds in a group and goes on in the groups within it, but not behind it. Groups that change nothing take no memory.
+class GroupedSubstitutes {
+public:
+    const Substitutes& here() const { return here_; }
+    void set(const Substitutes& changed) {
+        if (changed == here_) {
+            return;
+        }
+        if (outside_.empty() || outside_.back().depth != depth_) {
+            outside_.push_back({depth_, here_});
+        }
+        here_ = changed;
+    }
+    void open() { ++depth_; }
+    void close() {
+        if (!outside_.empty() && outside_.back().depth == depth_) {
+            here_ = outside_.back().substitutes;
+            outside_.pop_back();
+        }
+        --depth_;
+    }
+
+private:
+    struct Outside {
+        std::size_t depth;  // of the group within
+        Substitutes substitutes;
+    };
+    Substitutes here_;
+    std::size_t depth_ = 1;
+    std::vector<Outside> outside_;
 };
 
 /// One step through RTF: a control word with its number and delimiter, a control symbol, a brace, or plain text up to those.
@@ -174,7 +207,7 @@ private:
             return false;
         }
         rest_.remove_prefix(2);
-        substitutes_.back().perCharacter = 1;
+        substitutes_.set({1, substitutes_.here().awaited});
         out_ += "\\uc1\\u" + std::to_string(0xF000 + static_cast<int>(byte) - 0x10000) + " ?";
         return true;
     }
@@ -196,28 +229,33 @@ private:
     /// Behind a character by number (\u) stand as many others as \uc says, for readers that know no numbers. The suite leaves
     /// out so many of what follows in the group, and in groups within it, an instruction too.
     void countSubstitutes(const Token& token) {
-        Substitutes& here = substitutes_.back();
+        Substitutes here = substitutes_.here();
         if (token.raw == "{") {
-            substitutes_.push_back(Substitutes(here));
-        } else if (token.raw == "}") {
-            substitutes_.pop_back();
-        } else if (token.name == "u") {
+            substitutes_.open();
+            return;
+        }
+        if (token.raw == "}") {
+            substitutes_.close();
+            return;
+        }
+        if (token.name == "u") {
             here.awaited = here.perCharacter;
         } else if (token.raw.starts_with("\\uc") && token.raw.size() > 3 && isDigit(token.raw[3])) {
             here.perCharacter = static_cast<int>(std::min<std::int64_t>(token.number, kMostSubstitutes));
         } else if (token.raw == "\\'" && here.awaited > 0) {
             ++here.awaited;  // one character, and two digits come
-        } else if (token.raw.front() != '\\') {
+        } else if (token.raw.front() != '\\' && here.awaited > 0) {
             const auto isCounted = [](char c) { return c != '\r' && c != '\n'; };
             const auto count = std::count_if(token.raw.begin(), token.raw.end(), isCounted);
             here.awaited = static_cast<int>(std::max<std::int64_t>(0, here.awaited - count));
         }
+        substitutes_.set(here);
     }
 
     /// Looks for the first word of the instruction behind nothing but formatting. A word that is put together from pieces or
     /// escapes is none that an honest program writes.
     bool isHarmlessField() const {
-        if (substitutes_.back().awaited != 0) {
+        if (substitutes_.here().awaited != 0) {
             return false;  // its beginning is not what counts
         }
         std::string_view ahead = rest_;
@@ -249,8 +287,8 @@ private:
     std::string_view rest_;
     RtfPictures pictures_;
     bool isDoubleByte_ = false;
-    bool isBullet_ = false;                         // the text of a bullet begins here
-    std::vector<Substitutes> substitutes_{{}, {}};  // of the open groups, and outside of all
+    bool isBullet_ = false;  // the text of a bullet begins here
+    GroupedSubstitutes substitutes_;
     std::string out_;
 };
 

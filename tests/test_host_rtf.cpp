@@ -4,7 +4,9 @@
 #include <cairo.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -503,6 +505,36 @@ TEST(Service, ForgetsWhatAnEarlierWorkerLeftInTheGate) {
     service.prepareFor(60s);
     service.attend();
     EXPECT_EQ(Unable::starts, 0);
+}
+
+/// All on one processor, so that what was killed gets to run only after something has been sent.
+TEST(Service, ThatIsKilledWhileItWaitsTakesNothingAlong) {
+    cpu_set_t before;
+    ASSERT_EQ(::sched_getaffinity(0, sizeof(before), &before), 0);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<std::size_t>(::sched_getcpu()), &one);
+    ASSERT_EQ(::sched_setaffinity(0, sizeof(one), &one), 0);
+    for (int i = 0; i < 20; ++i) {
+        std::array<int, 2> gate;
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, gate.data()), 0);
+        const Descriptor askers(gate[0]);
+        const Descriptor takers(gate[1]);
+        const Descriptor document(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const pid_t waiting = ::fork();
+        if (waiting == 0) {
+            receiveThroughGate(takers.get());
+            ::_exit(0);
+        }
+        std::this_thread::sleep_for(10ms);
+        ::kill(waiting, SIGKILL);
+        EXPECT_TRUE(sendThroughGate(askers.get(), document.get()));
+        int status = 0;
+        EXPECT_EQ(::waitpid(waiting, &status, 0), waiting);
+        EXPECT_TRUE(WIFSIGNALED(status));
+        EXPECT_TRUE(receiveThroughGate(takers.get(), MSG_DONTWAIT)) << "taken by a process that was dead already";
+    }
+    ::sched_setaffinity(0, sizeof(before), &before);
 }
 
 TEST_F(RtfLoader, AMissingSuiteIsNamed) {

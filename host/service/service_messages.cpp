@@ -1,5 +1,6 @@
 #include "service_messages.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -120,10 +121,17 @@ std::optional<Descriptor> receiveThroughGate(int gate, int flags) {
     iovec content{&mark, 1};
     Ancillary ancillary;
     msghdr message = gateMessage(content, ancillary);
+    const bool waits = (flags & MSG_DONTWAIT) == 0;
     ssize_t got;
     do {
-        got = ::recvmsg(gate, &message, MSG_CMSG_CLOEXEC | flags);
-    } while (got < 0 && errno == EINTR);
+        // Waited for apart from taking it: a process that is killed while it waits in recvmsg can still take what comes before
+        // it is gone, and that document would be lost with it.
+        pollfd watched{gate, POLLIN, 0};
+        if (waits) {
+            ::poll(&watched, 1, -1);
+        }
+        got = ::recvmsg(gate, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT | flags);
+    } while (got < 0 && (errno == EINTR || (waits && errno == EAGAIN)));
     if (got <= 0) {
         return std::nullopt;
     }

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 namespace ternview {
 
@@ -14,11 +13,6 @@ struct Confinement {
     std::string privateDirectory;  // for temporary files; the program makes and removes it
     pid_t parent;                  // the process ends with it
 };
-
-/// What the program has open is none of a worker's business: other workers, other services, files in the making. The standard
-/// streams stay.
-/// @param kept descriptors to keep; -1 is ignored
-void closeAllBut(std::vector<int> kept);
 
 /// Takes a process's freedoms away, right behind the fork: no new privileges, limits on memory and files, no network, no new
 /// programs, no standard streams. It ends with its parent. Where the system gives no means against the network, the program says

@@ -1,9 +1,10 @@
-// A file descriptor that closes itself.
+// File descriptors that close themselves, and the end of all others.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
+#include <vector>
 
 namespace ternview {
 
@@ -33,5 +34,10 @@ public:
 private:
     int value_ = -1;
 };
+
+/// What the program has open is none of a worker's business: other workers, other services, files in the making. The standard
+/// streams stay.
+/// @param kept descriptors to keep; -1 is ignored
+void closeAllBut(std::vector<int> kept);
 
 }  // namespace ternview

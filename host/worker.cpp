@@ -14,6 +14,7 @@
 #include "browser/browser.h"
 #include "cache_slot.h"
 #include "confinement.h"
+#include "descriptor.h"
 #include "explanation.h"
 #include "filter_module.h"
 #include "html_engine.h"

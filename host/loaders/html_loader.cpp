@@ -129,8 +129,8 @@ private:
     }
 
     PageSetup m_setup;
+    HtmlPictures m_pictures;  // before the fonts, which begin threads
     HtmlFonts m_fonts;
-    HtmlPictures m_pictures;
     RecordedHtml m_recorded;
     PagePlan m_plan;
     LinkAddresses m_links;

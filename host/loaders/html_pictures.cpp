@@ -166,7 +166,9 @@ std::optional<Picture> rasterPicture(std::string_view data, const char* format, 
 }  // namespace
 
 HtmlPictures::HtmlPictures(std::optional<std::filesystem::path> directory, std::string charset)
-    : m_data(std::move(directory), std::move(charset)) {}
+    : m_data(std::move(directory), std::move(charset)) {
+    prepareVectorPictures();
+}
 
 const Picture* HtmlPictures::load(const std::string& address) {
     const auto known = m_pictures.find(address);

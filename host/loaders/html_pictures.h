@@ -26,6 +26,8 @@ struct Picture {
 class HtmlPictures {
 public:
     /**
+     * To be made before Pango is used.
+     *
      * @param directory the only directory from which files are read; none to read no files
      * @param charset the encoding of the document, in which file names may have been written into it
      */

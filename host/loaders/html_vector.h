@@ -1,6 +1,8 @@
 // Vector pictures (SVG), each drawn in a process of its own: a few hundred bytes of nested references and filters can ask for
 // hours and gigabytes, and no look at the text tells. So the drawing has limits that the system keeps, and losing it costs one
 // picture.
+//
+// These processes are forked off by another one that has no threads, and has none of the locks that threads may hold at a fork.
 #pragma once
 
 #include "html_pictures.h"
@@ -10,6 +12,10 @@
 #include <string_view>
 
 namespace ternview {
+
+/// Begins the process from which others are forked off, unless it is there already. To be called before Pango is, which begins
+/// threads; pictures are drawn later, and nothing is drawn where this failed.
+void prepareVectorPictures();
 
 /**
  * Draws a vector picture.

@@ -9,6 +9,7 @@
 
 #include "batch_module.h"
 #include "confinement.h"
+#include "descriptor.h"
 #include "file_visit.h"
 #include "message_sender.h"
 

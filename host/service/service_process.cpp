@@ -17,7 +17,7 @@
 #include <optional>
 #include <system_error>
 
-#include "confinement.h"
+#include "descriptor.h"
 #include "job.h"
 
 namespace ternview {

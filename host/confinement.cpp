@@ -13,8 +13,10 @@
 #include <new>
 #include <string_view>
 
+#include "module_search.h"
 #include "processor_time.h"
 #include "sanitized.h"
+#include "service/file_wall.h"
 #include "service/system_call_filter.h"
 
 namespace ternview {
@@ -83,6 +85,26 @@ void buildWall() {
     }
 }
 
+void buildWallAroundFiles(const Confinement& confinement) {
+    static FileWall wall;
+    wall.allowChanging(confinement.privateDirectory);
+    for (const auto& path : confinement.changeable) {
+        wall.allowChanging(path);
+    }
+    for (const auto& path : confinement.readable) {
+        wall.allowReading(path);
+    }
+    for (const RuntimeLibrary& library : {kFilterLibrary, kBatchLibrary}) {
+        for (const std::string& candidate : libraryCandidates(library)) {
+            wall.allowReading(candidate);
+        }
+    }
+    wall.allowReading("/proc/self/statm");
+    if (!wall.raise()) {
+        ::_exit(EXIT_FAILURE);
+    }
+}
+
 /// The program alone reads and writes. What libraries grumble about a stranger's mail is of no use to a reader either, and there
 /// is one sentence for each failure.
 void closeStandardStreams() {
@@ -112,6 +134,7 @@ void confine(const Confinement& confinement) {
     std::signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails instead
     setLimits();
     buildWall();
+    buildWallAroundFiles(confinement);
     closeStandardStreams();
     ::setenv("XDG_RUNTIME_DIR", confinement.privateDirectory.c_str(), 1);
 }

@@ -5,18 +5,23 @@
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <string>
+#include <vector>
 
 namespace ternview {
 
 struct Confinement {
     std::string privateDirectory;  // for temporary files; the program makes and removes it
     pid_t parent;                  // the process ends with it
+    /// Besides the private directory, the system's libraries and the program's own. Directories count with all that is in them.
+    std::vector<std::filesystem::path> readable = {};
+    std::vector<std::filesystem::path> changeable = {};
 };
 
 /// Takes a process's freedoms away, right behind the fork: no new privileges, limits on memory and files, no network, no new
-/// programs, no standard streams. It ends with its parent. Where the system gives no means against the network, the program says
-/// so once on standard error.
+/// programs, no standard streams, and, where the kernel has Landlock, no files but those named. It ends with its parent. Where
+/// the system gives no means against the network, the program says so once on standard error.
 void confine(const Confinement& confinement);
 
 /// Limits the processor time that the process may take from now on; a later call begins anew. The program's own clock comes

@@ -40,7 +40,7 @@ void initialise(ternkit::HostFileInfo& info, ternkit::HostLoadOptions& options) 
 
 FilterModule::FilterModule() {
     std::string tried;
-    for (const std::string& candidate : libraryCandidates("libternmail.so", "TERNMAIL_LIBRARY")) {
+    for (const std::string& candidate : libraryCandidates(kFilterLibrary)) {
         void* library = ::dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (library == nullptr) {
             tried += (tried.empty() ? "" : "; ") + std::string(::dlerror());

@@ -5,8 +5,8 @@
 
 namespace ternview {
 
-std::vector<std::string> libraryCandidates(const std::string& library, const char* variable) {
-    if (const char* named = std::getenv(variable); named != nullptr && *named != '\0') {
+std::vector<std::string> libraryCandidates(const RuntimeLibrary& library) {
+    if (const char* named = std::getenv(library.variable); named != nullptr && *named != '\0') {
         return {named};
     }
     std::vector<std::string> candidates;
@@ -14,7 +14,7 @@ std::vector<std::string> libraryCandidates(const std::string& library, const cha
     const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
     if (!error) {
         for (const char* directory : {"../lib", TERNVIEW_MODULE_DIRECTORY}) {
-            candidates.push_back((program.parent_path() / directory / library).lexically_normal().string());
+            candidates.push_back((program.parent_path() / directory / library.file).lexically_normal().string());
         }
     }
     return candidates;

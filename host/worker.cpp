@@ -20,6 +20,7 @@
 #include "html_engine.h"
 #include "json_output.h"
 #include "loaders.h"
+#include "loaders/installed_fonts.h"
 #include "office/office.h"
 #include "page_output.h"
 #include "repair/helping_hands.h"
@@ -273,7 +274,12 @@ void limitServicesBySize(std::uint64_t bytes) {
 
 void workerMain(const WorkerTask& task, const WorkerEnvironment& environment) {
     closeAllBut({environment.descriptor, environment.officeGate, environment.browserGate});
-    confine({environment.privateDirectory, environment.parent});
+    Confinement confinement{environment.privateDirectory, environment.parent, environment.readable, {}};
+    if (environment.drawsText) {
+        const auto fonts = fontDirectories();
+        confinement.readable.insert(confinement.readable.end(), fonts.begin(), fonts.end());
+    }
+    confine(confinement);
     limitProcessorTime(environment.timeLimit);
     useOffice({environment.officeGate, environment.timeLimit});
     useBrowser({environment.browserGate, environment.timeLimit});

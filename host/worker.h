@@ -5,8 +5,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "frames.h"
 #include "job.h"
@@ -21,6 +23,8 @@ struct WorkerEnvironment {
     int browserGate;
     bool builtInEngineFailed;  // an earlier worker with the same task did not survive it
     pid_t parent;
+    std::vector<std::filesystem::path> readable;  // the mail, or its documents
+    bool drawsText;                               // fonts are read, too
 };
 
 /// What a worker is for. It sends outputs, and its result last.

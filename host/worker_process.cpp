@@ -118,7 +118,7 @@ void WorkerProcess::start() {
     if (pid == 0) {
         // The signals stay held back here: a Ctrl-C reaches all processes, and this one ends when the program says so.
         workerMain(task_, {theirs.get(), surroundings_.privateDirectory, surroundings_.timeLimit, services_.office.gate(),
-                           services_.browser.gate(), isSecond_, parent});
+                           services_.browser.gate(), isSecond_, parent, surroundings_.readable, surroundings_.drawsText});
     }
     connection_ = std::make_unique<Connection>(pid, std::move(ours), receiver_);
 }
@@ -203,7 +203,8 @@ Clock::duration waitForAny(std::vector<pollfd>& watched, std::optional<Clock::ti
 JobResult runInWorker(const Job& job, Services& services, OutputReceiver& receiver, std::chrono::seconds timeLimit) {
     const HeldSignals signals;
     const PrivateDirectory directory;
-    WorkerProcess worker([&job](FrameWriter& out) { runJob(job, out); }, services, receiver, {directory.path(), timeLimit});
+    WorkerProcess worker([&job](FrameWriter& out) { runJob(job, out); }, services, receiver,
+                         {directory.path(), timeLimit, {job.file}, job.command != Command::kDocument});
     while (true) {
         std::vector<pollfd> watched{{worker.descriptor(), POLLIN, 0}, {signals.descriptor(), POLLIN, 0}};
         services.watch(watched);

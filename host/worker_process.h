@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,6 +33,8 @@ public:
 struct WorkerSurroundings {
     std::string privateDirectory;  // for temporary files; whoever names it removes it
     std::chrono::seconds timeLimit{60};
+    std::vector<std::filesystem::path> readable = {};  // the mail, or its documents
+    bool drawsText = true;                             // fonts are read, too
 };
 
 /**

@@ -132,8 +132,10 @@ Status pass(const BatchRequest& request) {
 /// Tells what it could get at.
 Status lookAround(const BatchRequest& request) {
     const std::string ways = waysOut();
+    const std::string files = waysToFiles(".");
     BatchMessage message = soundMessage(0, 1);
     message.subject = ways.c_str();
+    message.senderName = files.c_str();
     request.visit(request.userData, &message);
     return ternkit::kOk;
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <linux/filter.h>
+#include <linux/landlock.h>
 #include <linux/seccomp.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
@@ -35,6 +36,7 @@
 #include "private_directory.h"
 #include "rtf_compressor.h"
 #include "service_test.h"
+#include "shared_value.h"
 #include "stale_files.h"
 #include "store_builder.h"
 #include "ternview_program.h"
@@ -106,6 +108,11 @@ std::string saidBy(const std::function<std::string()>& task) {
 class Contained : public TernviewProgram {
 protected:
     fs::path runtime() const { return work("../runtime"); }
+    /// Has a reader say what it could get at.
+    Outcome listByStandIn() {
+        write("look.pst", "!BDN and more");
+        return run("list look.pst --json", "TERNMAIL_BATCH_LIBRARY='" BATCH_STAND_IN "'");
+    }
 };
 
 TEST_F(Contained, WorkersHaveNoWayOut) {
@@ -126,14 +133,41 @@ TEST_F(Contained, WorkersHaveNoWayOut) {
     EXPECT_EQ(saidBy([] { return waysOut(); }), "");
     EXPECT_EQ(saidBy(byChild), ".");
     EXPECT_EQ(saidBy([] { return std::to_string(::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0)); }), "1");
-    const int inherited = ::socket(AF_INET, SOCK_DGRAM, 0);
+    const int inherited = ::fcntl(ternview::Descriptor(::socket(AF_INET, SOCK_DGRAM, 0)).get(), F_DUPFD, 500);
     EXPECT_EQ(saidBy([inherited] { return std::to_string(::fcntl(inherited, F_GETFD)); }), "-1") << "nothing is handed on";
     ::close(inherited);
-
-    write("look.pst", "!BDN and more");
-    const Outcome list = run("list look.pst --json", "TERNMAIL_BATCH_LIBRARY='" BATCH_STAND_IN "'");
+    const Outcome list = listByStandIn();
     ASSERT_EQ(list.exitCode, 0) << list.err;
     EXPECT_EQ(json::parse(list.out)["subject"], "");
+}
+
+TEST_F(Contained, WorkersReachNoFilesButTheirOwn) {
+    const long landlock = ::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+    if (landlock < 3) {
+        GTEST_SKIP() << "this kernel cannot keep programs from files, or not from all that can be done to them";
+    }
+    write("kept", "a secret");
+    write("lost", "");
+    const std::string directory = work("").string();
+#ifdef __SANITIZE_ADDRESS__  // the sanitizer reads the memory map
+    const std::string expected = "processes";
+#else
+    const std::string expected;
+#endif
+    EXPECT_EQ(saidBy([&directory] { return waysToFiles(directory); }), expected);
+    const Outcome list = listByStandIn();
+    ASSERT_EQ(list.exitCode, 0) << list.err;
+    EXPECT_EQ(json::parse(list.out)["from"], expected);
+    EXPECT_EQ(readFile(work("kept")), "a secret");
+    const std::string ways = waysToFiles(directory);
+    EXPECT_EQ(std::count(ways.begin(), ways.end(), ','), 17) << ways << " are open for everybody else";
+
+    EXPECT_EQ(saidBy([] {
+                  const fs::path own = fs::path(std::getenv("XDG_RUNTIME_DIR")) / "own";
+                  std::ofstream(own) << "its own";
+                  return readFile(own);
+              }),
+              "its own");
 }
 
 TEST_F(Contained, WorkersHaveLimits) {
@@ -170,8 +204,8 @@ TEST_F(Contained, WorkersHaveLimits) {
               }),
               "refused");
 #endif
-    const std::string file = work("large").string();
-    EXPECT_EQ(saidBy([&file] {
+    EXPECT_EQ(saidBy([] {
+                  const std::string file = std::getenv("XDG_RUNTIME_DIR") + "/large"s;
                   const ternview::Descriptor large(::open(file.c_str(), O_RDWR | O_CREAT, 0600));
                   return ::pwrite(large.get(), "x", 1, off_t{1} << 30) < 0 && errno == EFBIG ? "refused"s : "written"s;
               }),
@@ -269,21 +303,23 @@ TEST_F(Contained, NoProcessHoldsMuchForASmallMail) {
 #endif
 
 TEST_F(Contained, TimeInWhichTheProgramIsStoppedDoesNotCount) {
-    const auto task = [this](ternview::FrameWriter& out) {
-        write("started", "");
-        waitUntil([this] { return fs::exists(work("go-on")); });
+    const SharedValue<std::atomic<bool>> isStarted;
+    const SharedValue<std::atomic<bool>> goesOn;
+    const auto task = [&isStarted, &goesOn](ternview::FrameWriter& out) {
+        *isStarted = true;
+        waitUntil([&goesOn] { return goesOn->load(); });
         out.result(ternview::packResult({}));
     };
     const pid_t program = ::fork();
     if (program == 0) {
         ::_exit(static_cast<int>(resultOf(task, 2s).failure));
     }
-    EXPECT_TRUE(waitUntil([this] { return fs::exists(work("started")); }));
+    EXPECT_TRUE(waitUntil([&isStarted] { return isStarted->load(); }));
     ::kill(program, SIGSTOP);
     std::this_thread::sleep_for(3s);
     ::kill(program, SIGCONT);
     std::this_thread::sleep_for(200ms);  // it looks at its clock before it gets the result
-    write("go-on", "");
+    *goesOn = true;
     int status = -1;
     ::waitpid(program, &status, 0);
     EXPECT_EQ(WEXITSTATUS(status), static_cast<int>(ternview::Failure::kNone));
@@ -317,7 +353,7 @@ TEST_F(Contained, AMissingWallIsToldOnce) {
     const pid_t child = ::fork();
     if (child == 0) {
         forbidWalls();
-        const int inherited = ::dup(STDERR_FILENO);
+        const int inherited = ::fcntl(STDERR_FILENO, F_DUPFD, 500);
         const bool isHandedOn = saidBy([inherited] { return std::to_string(::fcntl(inherited, F_GETFD)); }) != "-1";
         ::_exit(isHandedOn ? 9 : run("export 1.eml 2.eml 3.eml -o out --format txt -j 2").exitCode);
     }

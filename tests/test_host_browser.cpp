@@ -36,6 +36,7 @@
 #include "mime_builder.h"
 #include "private_directory.h"
 #include "service_test.h"
+#include "shared_value.h"
 #include "ternview_program.h"
 #include "worker_process.h"
 
@@ -569,9 +570,7 @@ JobResult resultOf(const WorkerTask& task, Outputs& outputs, std::chrono::second
 }
 
 TEST(BuiltInEngine, ThatFailsIsFollowedByOneMoreWorker) {
-    const PrivateDirectory directory;
-    const fs::path marker = fs::path(directory.path()) / "attempts";
-    const auto attempts = [&marker] { return readFile(marker).size(); };
+    const SharedValue<std::atomic<std::size_t>> attempts;
     const auto layout = [](FrameWriter& out) { out.send(FrameKind::kBuiltInLayout, {}); };
     const auto output = [](FrameWriter& out) {
         out.begin(FrameKind::kPdf);
@@ -595,17 +594,15 @@ TEST(BuiltInEngine, ThatFailsIsFollowedByOneMoreWorker) {
         {"no crash", {Steps{layout, output, finish}, Steps{crash}}, 1, Failure::kNone},
     };
     for (const auto& [what, steps, expectedAttempts, expected] : cases) {
-        fs::remove(marker);
+        *attempts = 0;
         const auto task = [&](FrameWriter& out) {
-            const std::size_t attempt = attempts();
-            std::ofstream(marker, std::ios::app) << '.';
-            for (const auto& step : steps.at(attempt)) {
+            for (const auto& step : steps.at((*attempts)++)) {
                 step(out);
             }
         };
         Outputs outputs;
         EXPECT_EQ(resultOf(task, outputs, 2s).failure, expected) << what;
-        EXPECT_EQ(attempts(), expectedAttempts) << what;
+        EXPECT_EQ(*attempts, expectedAttempts) << what;
     }
 }
 

@@ -316,4 +316,28 @@ TEST_F(Reader, FilesThatCannotBeReadEndInTheirOrder) {
     EXPECT_TRUE(nothing.done());
 }
 
+/// A process reads some hundred of them, and then another one goes on.
+TEST_F(Reader, ManyFilesEndInTheirOrder) {
+    constexpr std::size_t kFiles = 600;
+    std::vector<std::string> many(kFiles, bothFiles()[1]);
+    many[255] = many[256] = many[511] = "/nowhere/a.pst";
+    Visitor visitor;
+    MailboxReader reader(many, documents());
+    reader.grant(100);
+    readOn(reader, visitor, 100);
+    reader.grant(kFiles);
+    readOn(reader, visitor);
+    EXPECT_EQ(visitor.messages.size(), kFiles - 3);
+    ASSERT_EQ(visitor.ends.size(), kFiles);
+    for (std::size_t i = 0; i < kFiles; ++i) {
+        EXPECT_EQ(visitor.ends[i], std::pair(i, many[i].starts_with("/nowhere") ? Failure::kNoSuchFile : Failure::kNone));
+    }
+    std::set<fs::path> directories;
+    for (const MessageSummary& message : visitor.messages) {
+        EXPECT_TRUE(fs::exists(message.directory / message.files.at(0).name));
+        directories.insert(message.directory);
+    }
+    EXPECT_EQ(directories.size(), visitor.messages.size());
+}
+
 }  // namespace

@@ -10,17 +10,38 @@
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <utility>
+#include <vector>
+
+using Attempts = std::vector<std::pair<const char*, std::function<long()>>>;
+
+/// @return those that were not refused outright
+inline std::string succeeding(const Attempts& attempts, const std::initializer_list<int>& refusals) {
+    std::string open;
+    for (const auto& [what, attempt] : attempts) {
+        errno = 0;
+        const long result = attempt();
+        if (result >= 0 || std::find(refusals.begin(), refusals.end(), errno) == refusals.end()) {
+            open += (open.empty() ? "" : ", ") + std::string(what);
+        }
+    }
+    return open;
+}
 
 /// Tries it all.
 /// @param other another process, which there is
@@ -34,7 +55,7 @@ inline std::string waysOut(pid_t other = ::getppid()) {
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         return ::connect(-1, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0;
     };
-    const std::pair<const char*, std::function<long()>> attempts[] = {
+    const Attempts attempts{
         {"IPv4", [] { return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0); }},
         {"IPv4 datagrams", [] { return ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); }},
         {"IPv6", [] { return ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0); }},
@@ -75,13 +96,38 @@ inline std::string waysOut(pid_t other = ::getppid()) {
         {"namespaces of a child", [] { return ::syscall(SYS_clone, CLONE_NEWUSER | CLONE_FS, nullptr, nullptr, 0, 0); }},
         {"mounts", [] { return ::syscall(SYS_mount, "none", "/nonexistent", "tmpfs", 0, nullptr); }},
     };
-    std::string open;
-    for (const auto& [what, attempt] : attempts) {
-        errno = 0;
-        const long result = attempt();
-        if (result >= 0 || errno != EPERM) {
-            open += (open.empty() ? "" : ", ") + std::string(what);
-        }
-    }
-    return open;
+    return succeeding(attempts, {EPERM});
+}
+
+/// Tries what can be done to files.
+/// @param directory that holds "kept" and "lost"
+/// @return what was not refused outright; empty behind the wall
+inline std::string waysToFiles(const std::string& directory) {
+    const std::string kept = directory + "/kept";
+    const std::string lost = directory + "/lost";
+    const std::string made = directory + "/made";
+    const auto opened = [](const std::string& path, int flags) {
+        return [path, flags] { return ::open(path.c_str(), flags | O_CLOEXEC, 0600); };
+    };
+    const Attempts attempts{
+        {"reading", opened(kept, O_RDONLY)},
+        {"reading by another name", opened("/proc/self/root" + std::filesystem::absolute(kept).string(), O_RDONLY)},
+        {"directories", opened(directory, O_RDONLY | O_DIRECTORY)},
+        {"users", opened("/etc/passwd", O_RDONLY)},
+        {"processes", opened("/proc/" + std::to_string(::getppid()) + "/maps", O_RDONLY)},
+        {"writing", opened(kept, O_WRONLY)},
+        {"cutting off", [&kept] { return ::truncate(kept.c_str(), 1); }},
+        {"permissions", [&kept] { return ::chmod(kept.c_str(), 0666); }},
+        {"permissions in a directory", [&kept] { return ::fchmodat(AT_FDCWD, kept.c_str(), 0666, 0); }},
+        {"owners", [&kept] { return ::chown(kept.c_str(), ::getuid(), ::getgid()); }},
+        {"attributes", [&kept] { return ::setxattr(kept.c_str(), "user.a", "b", 1, 0); }},
+        {"making", opened(made, O_WRONLY | O_CREAT)},
+        {"directories in the making", [&made] { return ::mkdir((made + "-directory").c_str(), 0700); }},
+        {"symbolic links", [&made] { return ::symlink("/", (made + "-symbolic").c_str()); }},
+        {"links", [&kept, &made] { return ::link(kept.c_str(), (made + "-link").c_str()); }},
+        {"pipes", [&made] { return ::mkfifo((made + "-pipe").c_str(), 0600); }},
+        {"moving", [&kept, &made] { return ::rename(kept.c_str(), (made + "-moved").c_str()); }},
+        {"removing", [&lost] { return ::unlink(lost.c_str()); }},
+    };
+    return succeeding(attempts, {EACCES, EPERM, EXDEV});
 }

@@ -2,6 +2,8 @@
 
 #include <fontconfig/fontconfig.h>
 
+#include <memory>
+
 #include "job.h"
 
 namespace ternview {
@@ -11,6 +13,15 @@ void requireFonts() {
     if (fonts == nullptr || fonts->nfont == 0) {
         throw JobError(Failure::kFontsMissing);
     }
+}
+
+std::vector<std::filesystem::path> fontDirectories() {
+    std::vector<std::filesystem::path> directories;
+    const std::unique_ptr<FcStrList, decltype(&FcStrListDone)> list(FcConfigGetFontDirs(nullptr), &FcStrListDone);
+    while (const FcChar8* directory = list != nullptr ? FcStrListNext(list.get()) : nullptr) {
+        directories.emplace_back(reinterpret_cast<const char*>(directory));
+    }
+    return directories;
 }
 
 }  // namespace ternview

@@ -10,7 +10,7 @@ namespace ternview {
 
 BatchModule::BatchModule() {
     std::string tried;
-    for (const std::string& candidate : libraryCandidates("libternmail_batch.so", "TERNMAIL_BATCH_LIBRARY")) {
+    for (const std::string& candidate : libraryCandidates(kBatchLibrary)) {
         void* library = ::dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
         visit_ = library == nullptr ? nullptr
                                     : reinterpret_cast<ternkit::VisitMessages>(::dlsym(library, ternkit::kVisitMessagesName));

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
 
@@ -17,14 +19,16 @@ namespace ternview {
 namespace {
 
 constexpr std::uint32_t kLoadModeMemoryOnly = 3;
+// The files that a process reads are named to the kernel beforehand, and kept open.
+constexpr std::size_t kFilesPerProcess = 256;
 
-void readFiles(MessageSender& sender, const std::vector<std::string>& files, std::size_t firstFile) {
+void readFiles(MessageSender& sender, const std::vector<std::string>& files, std::size_t firstFile, std::size_t end) {
     const BatchModule module;
     const MailboxOptions& options = sender.options();
     TbHostSetUiLanguage(options.uiLanguage);
     const bool staysInMemory = !options.documents || options.route == DocumentRoute::kMemory;
     TbHostSetLoadMode(staysInMemory ? kLoadModeMemoryOnly : 0);
-    for (std::size_t i = firstFile; i < files.size(); ++i) {
+    for (std::size_t i = firstFile; i < end; ++i) {
         const JobResult result = visitMailFile(module, sender, files[i], i);
         sender.sendFileEnd(result);
         if (result.failure == Failure::kOutOfMemory) {
@@ -52,11 +56,18 @@ std::filesystem::path messageDirectory(const MailboxOptions& options, std::uint6
 void mailboxWorkerMain(const std::vector<std::string>& files, const MailboxOptions& options,
                        const MailboxWorkerEnvironment& environment) {
     closeAllBut({environment.descriptor});
-    confine({environment.privateDirectory, environment.parent});
+    const std::size_t end = std::min(files.size(), environment.firstFile + kFilesPerProcess);
+    Confinement confinement{environment.privateDirectory, environment.parent};
+    confinement.readable.assign(files.begin() + static_cast<std::ptrdiff_t>(environment.firstFile),
+                                files.begin() + static_cast<std::ptrdiff_t>(end));
+    if (options.documents) {
+        confinement.changeable.push_back(options.documentDirectory);
+    }
+    confine(confinement);
     try {
         MessageSender sender(environment.descriptor, options, environment.granted, environment.firstMessageDirectory);
         try {
-            readFiles(sender, files, environment.firstFile);
+            readFiles(sender, files, environment.firstFile, end);
         } catch (const JobError& error) {
             reportMissing(sender, error, files.size() - environment.firstFile);
         }

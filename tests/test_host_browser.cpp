@@ -347,7 +347,7 @@ TEST_F(InBrowser, NothingRunsAndNothingIsFetched) {
 TEST_F(InBrowser, TheProcessIsConfined) {
     print("<p>x");
     const std::vector<pid_t> browsers = withArguments(s_browser->processId(), {"--remote-debugging-pipe"});
-    ASSERT_EQ(browsers.size(), 1u);
+    ASSERT_FALSE(browsers.empty());  // it is the first: what it forks has its arguments for a moment
     const std::string browser = "/proc/" + std::to_string(browsers.front());
     EXPECT_EQ(argumentsOf(browsers.front()).find("--no-sandbox"), std::string::npos);
     const std::string status = readFile(browser + "/status");

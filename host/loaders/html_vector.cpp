@@ -147,9 +147,11 @@ void setLimits(std::chrono::microseconds time, [[maybe_unused]] rlim_t data) {
 #endif
 }
 
+/// Whoever has taken the drawing process over may have written anything.
 std::optional<Picture> takeDrawing(const SharedMemory& memory, double maxPixels) {
     const Drawing drawing = *memory.drawing();
-    if (drawing.columns < 1 || drawing.rows < 1 ||
+    const bool isSized = drawing.width >= 1 && drawing.height >= 1 && drawing.width * drawing.height <= maxPixels;
+    if (!isSized || drawing.columns < 1 || drawing.rows < 1 ||
         static_cast<double>(drawing.columns) * drawing.rows > std::min(kDrawnPixels, maxPixels)) {
         return std::nullopt;
     }

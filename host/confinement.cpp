@@ -87,6 +87,7 @@ void buildWall() {
 
 void buildWallAroundFiles(const Confinement& confinement) {
     static FileWall wall;
+    wall.allowReading("/proc/self/statm");
     wall.allowChanging(confinement.privateDirectory);
     for (const auto& path : confinement.changeable) {
         wall.allowChanging(path);
@@ -99,7 +100,6 @@ void buildWallAroundFiles(const Confinement& confinement) {
             wall.allowReading(candidate);
         }
     }
-    wall.allowReading("/proc/self/statm");
     if (!wall.raise()) {
         ::_exit(EXIT_FAILURE);
     }

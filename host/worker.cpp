@@ -276,7 +276,7 @@ void workerMain(const WorkerTask& task, const WorkerEnvironment& environment) {
     closeAllBut({environment.descriptor, environment.officeGate, environment.browserGate});
     Confinement confinement{environment.privateDirectory, environment.parent, environment.readable, {}};
     if (environment.drawsText) {
-        const auto fonts = fontDirectories();
+        const auto fonts = fontPaths();
         confinement.readable.insert(confinement.readable.end(), fonts.begin(), fonts.end());
     }
     confine(confinement);

@@ -160,7 +160,7 @@ TEST_F(Contained, WorkersReachNoFilesButTheirOwn) {
     EXPECT_EQ(json::parse(list.out)["from"], expected);
     EXPECT_EQ(readFile(work("kept")), "a secret");
     const std::string ways = waysToFiles(directory);
-    EXPECT_EQ(std::count(ways.begin(), ways.end(), ','), 17) << ways << " are open for everybody else";
+    EXPECT_EQ(std::count(ways.begin(), ways.end(), ','), 19) << ways << " are open for everybody else";
 
     EXPECT_EQ(saidBy([] {
                   const fs::path own = fs::path(std::getenv("XDG_RUNTIME_DIR")) / "own";
@@ -168,6 +168,33 @@ TEST_F(Contained, WorkersReachNoFilesButTheirOwn) {
                   return readFile(own);
               }),
               "its own");
+}
+
+TEST_F(Contained, WorkersReadAllThatTheyNeed) {
+    std::string names;
+    for (int i = 0; i < 100; ++i) {
+        names += " " + std::to_string(i) + ".eml";
+        write(std::to_string(i) + ".eml", "Subject: a\r\n\r\ntext\r\n");
+    }
+    const Outcome list = run("list --json" + names, "prlimit --nofile=80");
+    EXPECT_EQ(list.exitCode, 0) << list.err;
+    EXPECT_EQ(std::count(list.out.begin(), list.out.end(), '\n'), 100);
+
+    fs::path font;
+    for (const auto& entry : fs::recursive_directory_iterator("/usr/share/fonts")) {
+        font = entry.path().extension() == ".ttf" ? entry.path() : font;
+    }
+    ASSERT_FALSE(font.empty());
+    fs::create_directories(work("linked"));
+    fs::create_directories(work("elsewhere"));
+    fs::copy_file(font, work("elsewhere/a.ttf"));
+    fs::create_symlink(work("elsewhere/a.ttf"), work("linked/a.ttf"));
+    for (const char* directory : {"linked", "elsewhere"}) {
+        write("fonts.conf", "<?xml version='1.0'?><fontconfig><dir>" + work(directory).string() + "</dir></fontconfig>");
+        const Outcome page = run("render 0.eml -o "s + directory + ".png", "FONTCONFIG_FILE=fonts.conf");
+        EXPECT_EQ(page.exitCode, 0) << page.err;
+    }
+    EXPECT_EQ(readFile(work("linked.png")), readFile(work("elsewhere.png")));
 }
 
 TEST_F(Contained, WorkersHaveLimits) {

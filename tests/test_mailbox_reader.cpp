@@ -316,6 +316,22 @@ TEST_F(Reader, FilesThatCannotBeReadEndInTheirOrder) {
     EXPECT_TRUE(nothing.done());
 }
 
+/// A process may read the files that there were when it began.
+TEST_F(Reader, AFileThatIsReplacedMeanwhileIsReadAllTheSame) {
+    write("next.eml", "To: a@example.com\r\nSubject: before\r\n\r\nbefore\r\n");
+    write("new", "To: a@example.com\r\nSubject: after\r\n\r\nafter\r\n");
+    Visitor visitor;
+    MailboxReader reader({bothFiles()[0], work("next.eml").string()}, documents());
+    reader.grant(1);
+    readOn(reader, visitor, 1);
+    fs::rename(work("new"), work("next.eml"));
+    reader.grant(10);
+    readOn(reader, visitor);
+    ASSERT_EQ(visitor.messages.size(), 4u);
+    EXPECT_EQ(visitor.messages[3].subject, "after");
+    EXPECT_EQ(visitor.ends.back(), std::pair(std::size_t{1}, Failure::kNone));
+}
+
 /// A process reads some hundred of them, and then another one goes on.
 TEST_F(Reader, ManyFilesEndInTheirOrder) {
     constexpr std::size_t kFiles = 600;

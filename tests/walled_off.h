@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sched.h>
+#include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <sys/ipc.h>
 #include <sys/prctl.h>
@@ -121,6 +122,8 @@ inline std::string waysToFiles(const std::string& directory) {
         {"permissions in a directory", [&kept] { return ::fchmodat(AT_FDCWD, kept.c_str(), 0666, 0); }},
         {"owners", [&kept] { return ::chown(kept.c_str(), ::getuid(), ::getgid()); }},
         {"attributes", [&kept] { return ::setxattr(kept.c_str(), "user.a", "b", 1, 0); }},
+        {"times", [&kept] { return ::utimensat(AT_FDCWD, kept.c_str(), nullptr, 0); }},
+        {"watching", [&directory] { return ::inotify_add_watch(::inotify_init1(IN_CLOEXEC), directory.c_str(), IN_ALL_EVENTS); }},
         {"making", opened(made, O_WRONLY | O_CREAT)},
         {"directories in the making", [&made] { return ::mkdir((made + "-directory").c_str(), 0700); }},
         {"symbolic links", [&made] { return ::symlink("/", (made + "-symbolic").c_str()); }},

@@ -1,11 +1,15 @@
 #include "mailbox_worker.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
+#include <system_error>
 
 #include <ternkit/ternbase.h>
 
@@ -22,6 +26,13 @@ constexpr std::uint32_t kLoadModeMemoryOnly = 3;
 // The files that a process reads are named to the kernel beforehand, and kept open.
 constexpr std::size_t kFilesPerProcess = 256;
 
+/// Whether it can be read, but not by this process: another file has taken its place since the wall was raised.
+bool isWalledOff(const std::string& file) {
+    std::error_code error;
+    return std::filesystem::is_regular_file(file, error) && ::access(file.c_str(), R_OK) == 0 &&
+           Descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC)).get() < 0 && errno == EACCES;
+}
+
 void readFiles(MessageSender& sender, const std::vector<std::string>& files, std::size_t firstFile, std::size_t end) {
     const BatchModule module;
     const MailboxOptions& options = sender.options();
@@ -29,10 +40,13 @@ void readFiles(MessageSender& sender, const std::vector<std::string>& files, std
     const bool staysInMemory = !options.documents || options.route == DocumentRoute::kMemory;
     TbHostSetLoadMode(staysInMemory ? kLoadModeMemoryOnly : 0);
     for (std::size_t i = firstFile; i < end; ++i) {
+        if (i > firstFile && isWalledOff(files[i])) {
+            return;  // a fresh process goes on
+        }
         const JobResult result = visitMailFile(module, sender, files[i], i);
         sender.sendFileEnd(result);
         if (result.failure == Failure::kOutOfMemory) {
-            return;  // a fresh process goes on
+            return;
         }
     }
 }

@@ -25,7 +25,7 @@ struct MailboxWorkerEnvironment {
 std::filesystem::path messageDirectory(const MailboxOptions& options, std::uint64_t number);
 
 /// Body of the process, right behind the fork: takes the process's freedoms away, reads the files, and ends the process. It ends
-/// early, without a fault, behind some hundred files, or behind one for which memory ran out.
+/// early, without a fault, behind some hundred files, behind one for which memory ran out, or before one that was replaced.
 [[noreturn]] void mailboxWorkerMain(const std::vector<std::string>& files, const MailboxOptions& options,
                                     const MailboxWorkerEnvironment& environment);
 

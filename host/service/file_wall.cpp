@@ -6,8 +6,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <utility>
 
 #include "sanitized.h"
@@ -36,6 +38,7 @@ constexpr std::array kOfTheSystem{
     "/etc/ld.so.cache",
     "/etc/fonts",
     "/etc/localtime",
+    "/etc/locale.alias",
     "/var/cache/fontconfig",
     "/dev/urandom",
     "/proc/cpuinfo",
@@ -45,6 +48,12 @@ constexpr std::array kOfTheSystem{
     "/proc",  // the sanitizers read the memory map
 #endif
 };
+
+/// Of what this process may have open, most is for others.
+std::size_t mostKept() {
+    constexpr long kPart = 4;
+    return static_cast<std::size_t>(std::max(::sysconf(_SC_OPEN_MAX), 0L) / kPart);
+}
 
 /// Of all accesses, those that this kernel can refuse.
 std::uint64_t refusable() {
@@ -86,7 +95,7 @@ void FileWall::allow(const std::filesystem::path& path, std::uint64_t access) {
     rule.parent_fd = target.get();
     const long added = ::syscall(SYS_landlock_add_rule, rules_.get(), LANDLOCK_RULE_PATH_BENEATH, &rule, 0);
     isSound_ = isSound_ && (added == 0 || errno == EBADFD);  // a pipe, which has no place in the file system
-    if (!isDirectory) {
+    if (!isDirectory && kept_.size() < mostKept()) {
         kept_.push_back(std::move(target));
     }
 }

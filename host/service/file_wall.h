@@ -20,7 +20,8 @@ public:
 
     /**
      * Raises the wall around this process and those that it forks, for ever. The process must have given up new privileges. This
-     * object is to live as long as the process: a file of /proc is another one as soon as nobody has it open.
+     * object is to live as long as the process: a file of /proc, and of some networks, is another one as soon as nobody has it
+     * open.
      *
      * @return whether all is well: the wall stands, or the kernel knows no such walls
      */

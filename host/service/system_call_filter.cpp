@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
+#include <linux/fs.h>
+#include <linux/fsverity.h>
 #include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -112,6 +114,9 @@ constexpr long kRefused[] = {
     SYS_chmod,
     SYS_chown,
     SYS_lchown,
+    SYS_utime,
+    SYS_utimes,
+    SYS_futimesat,
 #endif
     SYS_fchmodat,
     SYS_fchownat,
@@ -119,9 +124,17 @@ constexpr long kRefused[] = {
     SYS_lsetxattr,
     SYS_removexattr,
     SYS_lremovexattr,
+    SYS_utimensat,
+    SYS_inotify_add_watch,
+    SYS_fanotify_mark,
     kSetPermissionsAt,
     kSetAttributeAt,
     kRemoveAttributeAt,
+    // What needs a file that is open for reading only.
+    SYS_fchmod,
+    SYS_fchown,
+    SYS_fsetxattr,
+    SYS_fremovexattr,
 };
 
 enum class Allowed { kOnly, kNever };
@@ -140,7 +153,7 @@ constexpr __u32 kNamespaces =
 constexpr __u32 kSocketType = 0xF;  // the rest are flags
 
 /// @param process this one
-std::array<ArgumentRule, 16> argumentRules(pid_t process) {
+std::array<ArgumentRule, 19> argumentRules(pid_t process) {
     return {{
         {SYS_clone, 0, Allowed::kOnly, 0, kNamespaces},
         // Whoever has one end of a pair of datagram sockets can send to every other local socket.
@@ -156,6 +169,10 @@ std::array<ArgumentRule, 16> argumentRules(pid_t process) {
         // Input for the terminal is a command as soon as the shell is back.
         {SYS_ioctl, 1, Allowed::kNever, TIOCSTI},
         {SYS_ioctl, 1, Allowed::kNever, TIOCLINUX},
+        // A file that is open for reading only can be changed by these, or never be changed again.
+        {SYS_ioctl, 1, Allowed::kNever, FS_IOC_SETFLAGS},
+        {SYS_ioctl, 1, Allowed::kNever, FS_IOC_FSSETXATTR},
+        {SYS_ioctl, 1, Allowed::kNever, FS_IOC_ENABLE_VERITY},
         // The owner of a descriptor gets signals from it, of whatever number.
         {SYS_ioctl, 1, Allowed::kNever, FIOSETOWN},
         {SYS_ioctl, 1, Allowed::kNever, SIOCSPGRP},

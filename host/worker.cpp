@@ -20,6 +20,7 @@
 #include "html_engine.h"
 #include "json_output.h"
 #include "loaders.h"
+#include "loaders/html_vector.h"
 #include "loaders/installed_fonts.h"
 #include "office/office.h"
 #include "page_output.h"
@@ -260,6 +261,7 @@ void runJob(const Job& job, FrameWriter& out) {
     } catch (const std::bad_alloc&) {
         result.failure = Failure::kOutOfMemory;
     }
+    endVectorPictures();
     out.result(packResult(result));
 }
 

@@ -197,6 +197,22 @@ TEST_F(Contained, WorkersReadAllThatTheyNeed) {
     EXPECT_EQ(readFile(work("linked.png")), readFile(work("elsewhere.png")));
 }
 
+TEST_F(Contained, WorkersEndWhatTheyHaveBegun) {
+    write("html.eml",
+          "Subject: a\r\nMIME-Version: 1.0\r\nContent-Type: text/html\r\n\r\n<html><body><p>text</p></body></html>\r\n");
+    while (::waitpid(-1, nullptr, 0) > 0) {  // of other tests
+    }
+    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0), 0);
+    const std::string embedded = " --html-engine embedded";
+    for (const std::string& command :
+         {"info html.eml" + embedded, "export html.eml -o out" + embedded, "thumbnail html.eml a.png 256"s}) {
+        const Outcome outcome = run(command);
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+        EXPECT_EQ(::waitpid(-1, nullptr, 0), -1) << command << " has left somebody else a process";
+    }
+    ::prctl(PR_SET_CHILD_SUBREAPER, 0, 0, 0, 0);
+}
+
 TEST_F(Contained, WorkersHaveLimits) {
     const auto limits = [] {
         std::string text;

@@ -19,6 +19,7 @@
 #include "html_engine.h"
 #include "json_output.h"
 #include "loaders.h"
+#include "loaders/html_vector.h"
 #include "loaders/installed_fonts.h"
 #include "page_output.h"
 #include "worker.h"
@@ -108,6 +109,7 @@ void convertDocument(const ConversionTask& task, FrameWriter& out) {
             writeConversion(task, document, out);
         }
     });
+    endVectorPictures();
     out.result(packResult(result));
 }
 

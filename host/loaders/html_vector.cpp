@@ -283,8 +283,13 @@ private:
     Descriptor m_socket;
 };
 
-Drawer& drawer() {
+std::optional<Drawer>& currentDrawer() {
     static std::optional<Drawer> current;
+    return current;
+}
+
+Drawer& drawer() {
+    std::optional<Drawer>& current = currentDrawer();
     if (!current || !current->isOurs()) {
         current.emplace();
     }
@@ -295,6 +300,10 @@ Drawer& drawer() {
 
 void prepareVectorPictures() {
     drawer();
+}
+
+void endVectorPictures() {
+    currentDrawer().reset();
 }
 
 std::optional<Picture> vectorPicture(std::string_view data, double maxPixels, std::chrono::milliseconds& budget) {

@@ -17,6 +17,10 @@ namespace ternview {
 /// threads; pictures are drawn later, and nothing is drawn where this failed.
 void prepareVectorPictures();
 
+/// Ends that process. To be called before this one ends, or is ended for having told its result: whoever inherits the other one
+/// need not be one that sees to processes.
+void endVectorPictures();
+
 /**
  * Draws a vector picture.
  *

@@ -221,6 +221,13 @@ TEST_F(RtfLoader, PagesFollowTheDocumentAndThePaper) {
     const auto own = layOutRtf("{\\rtf1\\ansi\\paperw7500\\paperh6000\\margl300 text\\par}", kPaper);
     EXPECT_NEAR(own->paperSize(0).width, 500, 1);
     EXPECT_NEAR(own->paperSize(0).height, 400, 1);
+    for (const char* none :
+         {"\\paperw0\\paperh0 ", "\\paperw\\paperh-1\n", "\\paperw1\\paperh719{}\\sectd\\pgwsxn20\\pghsxn0 "}) {
+        const auto laidOut = layOutRtf(std::string("{\\rtf1\\ansi") + none + "text\\par}", kPaper);
+        EXPECT_NEAR(laidOut->paperSize(0).width, 800, 1) << none;
+        EXPECT_NEAR(laidOut->paperSize(0).height, 1100, 1) << none;
+        EXPECT_GT(count(*laidOut, 0, isInk), 50) << none;
+    }
 }
 
 std::string inHex(std::string_view bytes) {

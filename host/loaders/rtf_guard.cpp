@@ -32,6 +32,13 @@ constexpr std::array<std::string_view, 46> kCharacterFormatting{
 // East Asian code pages, in which a byte from 0x80 up may be the first half of a character.
 constexpr std::array<std::int64_t, 5> kDoubleBytePages{932, 936, 949, 950, 1361};
 
+// Smaller paper cannot be drawn on, or takes thousands of pages for a few words.
+constexpr std::int64_t kSmallestPaper = 720;  // in twips: half an inch
+
+long twips(double pixels) {
+    return std::lround(pixels * 15);
+}
+
 bool isLetter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
@@ -124,8 +131,8 @@ Token readToken(std::string_view rest) {
 
 class Guard {
 public:
-    Guard(std::string_view rtf, const PageSetup& setup, RtfPictures pictures) : rest_(rtf), pictures_(pictures) {
-        writeStart(setup);
+    Guard(std::string_view rtf, const PageSetup& setup, RtfPictures pictures) : rest_(rtf), setup_(setup), pictures_(pictures) {
+        writeStart();
     }
 
     std::string run() {
@@ -143,7 +150,7 @@ public:
                 writeAsHex(takeBinary(token));
             } else if (isDropped(token)) {
                 dropRestOfGroup();
-            } else if (!writeBullet(token)) {
+            } else if (!writeBullet(token) && !writePaper(token)) {
                 out_ += token.raw;
             }
         }
@@ -160,13 +167,12 @@ private:
     }
 
     /// A document's own settings come later and replace these.
-    void writeStart(const PageSetup& setup) {
-        const auto twips = [](double pixels) { return std::to_string(std::lround(pixels * 15)); };
+    void writeStart() {
         out_ += take().raw;  // the brace
         out_ += take().raw;  // "\rtf1"
-        out_ += "\\paperw" + twips(setup.width) + "\\paperh" + twips(setup.height);
+        out_ += "\\paperw" + std::to_string(twips(setup_.width)) + "\\paperh" + std::to_string(twips(setup_.height));
         for (const char* side : {"\\margl", "\\margr", "\\margt", "\\margb"}) {
-            out_ += side + twips(setup.margin);
+            out_ += side + std::to_string(twips(setup_.margin));
         }
         out_ += '\n';
     }
@@ -209,6 +215,19 @@ private:
         rest_.remove_prefix(2);
         substitutes_.set({1, substitutes_.here().awaited});
         out_ += "\\uc1\\u" + std::to_string(0xF000 + static_cast<int>(byte) - 0x10000) + " ?";
+        return true;
+    }
+
+    /// Programs without paper write a size of 0. They get the width or height of a document without its own.
+    /// @return whether the token was such a size, and is written
+    bool writePaper(const Token& token) {
+        const bool isWidth = token.name == "paperw" || token.name == "pgwsxn";
+        const bool isHeight = token.name == "paperh" || token.name == "pghsxn";
+        if ((!isWidth && !isHeight) || token.number >= kSmallestPaper) {
+            return false;
+        }
+        out_ += "\\" + token.name + std::to_string(twips(isWidth ? setup_.width : setup_.height));
+        out_ += token.raw.back() == ' ' ? " " : "";
         return true;
     }
 
@@ -285,6 +304,7 @@ private:
     }
 
     std::string_view rest_;
+    PageSetup setup_;
     RtfPictures pictures_;
     bool isDoubleByte_ = false;
     bool isBullet_ = false;  // the text of a bullet begins here

@@ -174,11 +174,14 @@ void setSoftLimit(__rlimit_resource resource, rlim_t value) {
 }
 
 /// What a document of this size may need: the suite itself takes the larger part.
-void limitMemory([[maybe_unused]] std::size_t bytes) {
+/// @param most bytes that count of documents of the same mail, which tell how large the mail is
+void limitMemory([[maybe_unused]] std::size_t bytes, [[maybe_unused]] std::uint64_t most) {
 #ifndef TERNVIEW_SANITIZED
+    constexpr std::uint64_t kMostOfSmallMail = 8'000'000;
     constexpr rlim_t kMemoryOfSmallDocument = rlim_t{400} << 20;
-    constexpr rlim_t kMemoryOfByte = 12;
-    setSoftLimit(RLIMIT_DATA, kMemoryOfSmallDocument + kMemoryOfByte * bytes);
+    // With all libraries and fonts mapped, which the limit does not see, what a small mail gets stays below 600 MB.
+    const rlim_t memoryOfByte = most < kMostOfSmallMail ? 8 : 16;
+    setSoftLimit(RLIMIT_DATA, kMemoryOfSmallDocument + memoryOfByte * bytes);
 #endif
 }
 
@@ -208,7 +211,7 @@ bool answer(LibreOfficeKit& suite, const fs::path& directory, const ServiceMessa
     const EndInTime end(request.timeLimit);
     const std::size_t counted = std::min<std::uint64_t>(message.bytes.size(), request.countedBytes);
     limitProcessorTime(counted, request.timeLimit);
-    limitMemory(counted);
+    limitMemory(counted, request.countedBytes);
     const auto begun = usedProcessorTime();
     const std::string reason = convert(suite, source, target, *request.target);
     const bool isLate = usedProcessorTime() - begun > kLate;
